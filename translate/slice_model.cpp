@@ -1,0 +1,129 @@
+#include "translate/slice_model.h"
+
+#include <cfloat>
+
+#include "support/mm.h"
+
+SliceLayer *stack_add_layer(SliceStack *stack) {
+    if (stack->count == stack->capacity) {
+        uint32_t grown = stack->capacity + 10;
+        void *layers = mm_realloc(stack->layers, stack->capacity * sizeof(SliceLayer),
+                                  grown * sizeof(SliceLayer));
+        if (!layers) return nullptr;
+        stack->layers = static_cast<SliceLayer *>(layers);
+        stack->capacity = grown;
+    }
+    return &stack->layers[stack->count++];
+}
+
+SliceContour *layer_add_contour(SliceLayer *layer) {
+    void *contours = mm_realloc(layer->contours, layer->held * sizeof(SliceContour),
+                                (layer->held + 1) * sizeof(SliceContour));
+    if (!contours) return nullptr;
+    layer->contours = static_cast<SliceContour *>(contours);
+    layer->held++;
+    if (layer->contour_count < layer->held) layer->contour_count = layer->held;
+    return &layer->contours[layer->held - 1];
+}
+
+int contour_reserve_points(SliceContour *contour, uint32_t n) {
+    if (contour->capacity >= n) return 1;
+    void *points = mm_realloc(contour->points, contour->capacity * sizeof(SlicePoint),
+                              static_cast<size_t>(n) * sizeof(SlicePoint));
+    if (!points) return 0;
+    contour->points = static_cast<SlicePoint *>(points);
+    contour->capacity = n;
+    return 1;
+}
+
+void contour_free_points(SliceContour *contour) {
+    mm_free(contour->points, contour->capacity * sizeof(SlicePoint), 0);
+    contour->points = nullptr;
+    contour->capacity = 0;
+}
+
+namespace {
+
+// A contour's points as consumers see them: never more than are stored.
+uint32_t contour_points_in_use(const SliceContour &c) { return c.count < c.held ? c.count : c.held; }
+
+uint32_t layer_contours_in_use(const SliceLayer &l) {
+    return l.contour_count < l.held ? l.contour_count : l.held;
+}
+
+} // namespace
+
+void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds) {
+    SliceBounds b = {DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX};
+    for (uint32_t i = 0; i < stack->count; i++) {
+        SliceLayer &layer = stack->layers[i];
+        layer.z = static_cast<float>(layer.z * factor);
+        if (layer.z < b.zmin) b.zmin = layer.z;
+        if (layer.z > b.zmax) b.zmax = layer.z;
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+            SliceContour &c = layer.contours[j];
+            for (uint32_t k = 0; k < contour_points_in_use(c); k++) {
+                SlicePoint &p = c.points[k];
+                if (point_is_gap_mark(p)) continue;
+                p.x = static_cast<float>(p.x * factor);
+                p.y = static_cast<float>(p.y * factor);
+                if (p.x < b.xmin) b.xmin = p.x;
+                if (p.x > b.xmax) b.xmax = p.x;
+                if (p.y < b.ymin) b.ymin = p.y;
+                if (p.y > b.ymax) b.ymax = p.y;
+            }
+        }
+    }
+    *bounds = b;
+}
+
+void stack_translate(SliceStack *stack, double dx, double dy, double dz) {
+    for (uint32_t i = 0; i < stack->count; i++) {
+        SliceLayer &layer = stack->layers[i];
+        layer.z = static_cast<float>(layer.z + dz);
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+            SliceContour &c = layer.contours[j];
+            for (uint32_t k = 0; k < contour_points_in_use(c); k++) {
+                SlicePoint &p = c.points[k];
+                if (point_is_gap_mark(p)) continue;
+                p.x = static_cast<float>(p.x + dx);
+                p.y = static_cast<float>(p.y + dy);
+            }
+        }
+    }
+}
+
+void contour_reverse(SliceContour *contour) {
+    uint32_t n = contour_points_in_use(*contour);
+    if (n < 2) return;
+    for (uint32_t i = 0; i < n / 2; i++) {
+        SlicePoint t = contour->points[i];
+        contour->points[i] = contour->points[n - 1 - i];
+        contour->points[n - 1 - i] = t;
+    }
+}
+
+void stack_reverse(SliceStack *stack) {
+    for (uint32_t i = 0; i < stack->count; i++) {
+        SliceLayer &layer = stack->layers[i];
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) contour_reverse(&layer.contours[j]);
+    }
+}
+
+bool bounds_negative(const SliceBounds &b) { return b.xmin < 0.0 || b.ymin < 0.0 || b.zmin < 0.0; }
+
+void layer_free(SliceLayer *layer) {
+    for (uint32_t j = 0; j < layer->held; j++) contour_free_points(&layer->contours[j]);
+    mm_free(layer->contours, layer->held * sizeof(SliceContour), 0);
+    layer->contours = nullptr;
+    layer->held = 0;
+    layer->contour_count = 0;
+}
+
+void stack_free(SliceStack *stack) {
+    for (uint32_t i = 0; i < stack->count; i++) layer_free(&stack->layers[i]);
+    mm_free(stack->layers, stack->capacity * sizeof(SliceLayer), 0);
+    stack->layers = nullptr;
+    stack->capacity = 0;
+    stack->count = 0;
+}

@@ -1,0 +1,71 @@
+// The in-memory slice model: a stack of layers, each holding contours.
+//
+// The whole input is loaded into one SliceStack before anything is written.
+// SliceContour and the first three fields of SliceLayer are also the records
+// the SLC module reads boundaries into and writes them from, so their field
+// order is fixed.
+#pragma once
+
+#include <cstdint>
+
+enum : uint32_t {
+    CONTOUR_PART = 10,
+    CONTOUR_SUPPORT = 12,
+    CONTOUR_WEB = 16,
+};
+
+// A point with both coordinates at the largest float marks a gap in a
+// contour whose gap count is not 0.
+constexpr float GAP_MARK = 3.4028235e38f;
+
+struct SlicePoint {
+    float x;
+    float y;
+};
+
+struct SliceContour {
+    uint32_t kind;        // CONTOUR_PART, CONTOUR_SUPPORT, CONTOUR_WEB or 0
+    uint32_t count;       // point count
+    uint32_t gaps;        // gap count (SLC input only)
+    uint32_t held;        // points actually stored
+    uint32_t capacity;    // points the array can take
+    SlicePoint *points;   // owned
+    uint32_t id;          // CLI element identifier
+    uint32_t direction;   // CLI direction; FDM input: 1 closed, 2 open
+};
+
+struct SliceLayer {
+    float z;
+    float thickness;          // 0 when the input gives none
+    uint32_t contour_count;   // contours consumers go through
+    uint32_t held;            // contour records allocated
+    SliceContour *contours;   // owned
+};
+
+struct SliceStack {
+    SliceLayer *layers;   // owned
+    uint32_t capacity;
+    uint32_t count;
+};
+
+struct SliceBounds {
+    double xmin, xmax, ymin, ymax, zmin, zmax;
+};
+
+inline bool point_is_gap_mark(const SlicePoint &p) { return p.x == GAP_MARK && p.y == GAP_MARK; }
+
+SliceLayer *stack_add_layer(SliceStack *stack);
+SliceContour *layer_add_contour(SliceLayer *layer);
+int contour_reserve_points(SliceContour *contour, uint32_t n);
+void contour_free_points(SliceContour *contour);
+
+// Multiplies every level and coordinate by factor and returns the bounds of
+// the result. Gap marks keep their value and stay out of the bounds.
+void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds);
+// Moves every level and coordinate; gap marks are left as they are.
+void stack_translate(SliceStack *stack, double dx, double dy, double dz);
+void contour_reverse(SliceContour *contour);
+void stack_reverse(SliceStack *stack);
+bool bounds_negative(const SliceBounds &bounds);
+void layer_free(SliceLayer *layer);
+void stack_free(SliceStack *stack);
