@@ -41,10 +41,9 @@ void *mm_realloc(void *pointer, size_t old_size, size_t new_size) {
     for (;;) {
         void *block = pointer ? realloc(pointer, new_size) : malloc(new_size);
         if (block) {
-            if (new_size > old_size) {
-                size_t from = pointer ? old_size : 0;
-                memset(static_cast<char *>(block) + from, 0, new_size - from);
-            }
+            // A fresh block is zeroed whole, whatever old size the caller passed.
+            size_t from = pointer ? old_size : 0;
+            if (new_size > from) memset(static_cast<char *>(block) + from, 0, new_size - from);
             return block;
         }
         if (!mm_run_shortage_handlers()) break;
@@ -53,7 +52,9 @@ void *mm_realloc(void *pointer, size_t old_size, size_t new_size) {
     return nullptr;
 }
 
-void mm_free(void *pointer, size_t, int) { free(pointer); }
+void mm_free(void *pointer, size_t, int) {
+    free(pointer);
+}
 
 int mm_run_shortage_handlers() {
     if (registry.busy) return 0;

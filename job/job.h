@@ -1,0 +1,46 @@
+// Option handling and file naming: fills the job-settings record from the
+// command line, chooses the formats and opens both files.
+#pragma once
+
+#include <cstdio>
+
+#include "job/job_settings.h"
+
+// Scans the options, then runs the verbosity step, the file resolution and
+// the output-unit check. 1 when the job may run; 0 after an error whose
+// message is printed. -H prints the help text and ends the process with 0.
+int job_parse_options(int argc, char **argv, JobSettings *settings);
+
+// The size in millimetres of the first unit word that begins with word
+// (case ignored): 1 and the factor, or 0 when no word matches.
+int unit_word_factor(const char *word, double *factor);
+
+// Default verbosity, the id lines at verbosity 1 and 2, then the fixed
+// program name. 0 for a negative verbosity.
+int job_finish_verbosity(JobSettings *settings);
+// Refuses -U values the chosen output format cannot hold (SLC: 1 or 25.4,
+// FDM: 25.4).
+int job_check_output_units(JobSettings *settings);
+
+// The -F and -O letters; 0 (with the message) at the first unknown letter,
+// the letters before it staying applied.
+int parse_input_format(JobSettings *settings, const char *letters);
+int parse_output_format(JobSettings *settings, const char *letters);
+
+// Chooses the formats from the file extensions where no option chose them,
+// opens both files (or takes the standard streams) and forces positive
+// coordinates for the output variants that need them.
+int job_resolve_files(JobSettings *settings);
+// Opens name with mode, trying default_ext where the name has none. On
+// success *handle is the open file and *path the opened name (owned).
+int job_open_file(JobSettings *settings, const char *name, const char *mode,
+                  const char *default_ext, FILE **handle, char **path);
+// The extension of name starting at its dot, or null. Only '/' separates
+// directories.
+const char *file_extension(const char *name);
+// Appends ext to a name without extension; buffer holds 261 bytes. which
+// ("input" or "output") names the file in the too-long message.
+int add_default_extension(char *buffer, const char *ext, const char *which);
+
+// Longest file name the job keeps, without its terminating zero.
+enum { JOB_PATH_MAX = 260 };
