@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "formats/slc/slc_internal.h"
+#include "test_util.h"
 
 namespace {
 
@@ -56,7 +57,8 @@ TEST(SlcWrite, ThreeLayersExactBytesAndReadBack) {
     FILE *f = tmpfile();
     SlcStream *s = open_stream(f, SLC_MODE_WRITE);
     write_three_layers(s);
-    slc_destroy(s);
+    EXPECT_TRUE(slc_finish(s));
+    slc_destroy(s); // adds nothing after finishing
 
     std::string expected = default_header + std::string(256, '\0') + '\x01';
     for (float v : {0.1f, 0.2f - 0.1f, 0.0f, 0.0f})
@@ -210,4 +212,24 @@ TEST(SlcWrite, HeaderRecordAndUnitFactor) {
     contour_free_points(&c);
     slc_destroy(s);
     fclose(f);
+}
+
+TEST(SlcWrite, WriteErrorsAreRecordedFirstErrorKept) {
+    TempDir dir;
+    write_file(dir.file("ro.slc"), "");
+    for (bool misuse_first : {false, true}) {
+        FILE *f = fopen(dir.file("ro.slc").c_str(), "rb"); // every fwrite fails
+        ASSERT_NE(f, nullptr);
+        SlcStream *s = open_stream(f, SLC_MODE_WRITE);
+        SlcSample bad = {0, 0, 0, 0};
+        if (misuse_first) {
+            EXPECT_FALSE(slc_set_option(s, SLC_OPT_SAMPLE, &bad));
+        }
+        write_three_layers(s);
+        EXPECT_FALSE(slc_finish(s));
+        EXPECT_EQ(slc_stream_error(s), misuse_first ? SLC_E_ARGUMENT : SLC_E_WRITE);
+        EXPECT_EQ(slc_stream_system_error(s) != 0, !misuse_first); // errno kept with code 3
+        slc_destroy(s);
+        fclose(f);
+    }
 }

@@ -96,9 +96,13 @@ struct SlcStream;
 
 // A new stream, or null when memory is exhausted.
 SlcStream *slc_create();
-// Finishes an output file (end record and flush) and releases the stream;
-// null is accepted. Always 1.
+// Finishes an output file (slc_finish) and releases the stream; null is
+// accepted. Always 1: a failure met while finishing is not reported here.
 int slc_destroy(SlcStream *s);
+// Writes the end record and flushes the buffer into the FILE, so that a
+// write error can still be seen in the stream before it is destroyed.
+// A stream that never wrote a boundary writes nothing. 1, or 0 on failure.
+int slc_finish(SlcStream *s);
 int slc_set_option(SlcStream *s, int code, void *value);
 // Always 1 for a stream; codes it does not know leave out untouched.
 int slc_get_option(SlcStream *s, int code, void *out);

@@ -151,6 +151,4 @@ const char *slc_keyword(uint32_t code);
 // Whether the writer puts a "-" in front of the keyword.
 int slc_keyword_has_minus(uint32_t code);
 
-// Writer steps used by the stream object.
 int slc_write_layer_record(SlcStream *s, float z, uint32_t count);
-void slc_write_end(SlcStream *s);

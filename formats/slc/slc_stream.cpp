@@ -112,7 +112,7 @@ SlcStream *slc_create() {
 
 int slc_destroy(SlcStream *s) {
     if (!s) return 1;
-    if (s->mode == SLC_MODE_WRITE) slc_write_end(s);
+    if (s->mode == SLC_MODE_WRITE) slc_finish(s);
     mm_free(s->header, sizeof(SlcHeader), 0);
     mm_free(s->samples, s->sample_capacity * sizeof(SlcSample), 0);
     mm_free(s->buffer, s->buffer_size, 0);

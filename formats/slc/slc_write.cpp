@@ -69,13 +69,14 @@ int slc_write_layer_record(SlcStream *s, float z, uint32_t count) {
 
 // A stream that never wrote a boundary has no header block, so it writes
 // nothing at all: an end record alone would not make an SLC file.
-void slc_write_end(SlcStream *s) {
-    if (s->flags & SLC_F_HEADER_PENDING) return;
+int slc_finish(SlcStream *s) {
+    if (!s || s->mode != SLC_MODE_WRITE) return 0;
+    if (s->flags & SLC_F_HEADER_PENDING) return 1;
     if (s->layer_count != SLC_END_OF_LAYERS) {
         s->layer_count = SLC_END_OF_LAYERS;
-        slc_write_layer_record(s, s->layer_z, SLC_END_OF_LAYERS);
+        if (!slc_write_layer_record(s, s->layer_z, SLC_END_OF_LAYERS)) return 0;
     }
-    slc_flush(s);
+    return slc_flush(s);
 }
 
 int slc_write_entity(SlcStream *s, const SliceContour *c) {
