@@ -196,6 +196,9 @@ int binary_real(CliStream *s, float *out) {
     } else {
         if (!binary_u32(s, &bits)) return 0;
         memcpy(&f, &bits, sizeof f);
+        // Bytes missing at the end of the file read as 255, which looks
+        // like a NaN: report the end of the file instead.
+        if (s->eof_crossed) return cli_fail(s, CLI_E_EOF);
         if (f != f) return cli_fail(s, CLI_E_NAN);
     }
     if (s->flags & CLI_F_SCALE) f *= s->header->units;
