@@ -350,6 +350,7 @@ TEST(CliRead, AsciiHardCases) {
         {ascii_head + "$$LAYER/1\n$$POLYLINE/1x,0,2,1,2,3,4\n$$GEOMETRYEND", 0, 0, 0, 1},
         {ascii_head + "$$LAYER/1\n$$LAYER/2\n" + poly + "$$LAYER/3\n$$GEOMETRYEND", 1, 0, 1, 2},
         {ascii_head + "$$LAYER/1 // open comment", 0, CLI_E_EOF, 1, 0},
+        {ascii_head + "$$LAYER/nan\n" + poly, 0, CLI_E_NAN, 1, 0},
         {ascii_head + "$$LAYERSANDMOREX/1\n" + poly, 0, CLI_E_KEYWORD, 1, 0},
         {"$$HEADERSTART $$HEADEREND $$GEOMETRYSTART $$HEADERSTART", 0, 0, 1, 0},
         {"$$HEADERSTART $$GEOMETRYSTART", 0, CLI_E_KEYWORD, 1, 0},

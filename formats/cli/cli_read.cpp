@@ -135,6 +135,8 @@ int ascii_double(CliStream *s, double *out) {
         s->silent_stop = 1;
         return 0;
     }
+    // The C library reads "nan" as a number; it is refused as in binary data.
+    if (v != v) return cli_fail(s, CLI_E_NAN);
     *out = v;
     skip_comma(s);
     return 1;
