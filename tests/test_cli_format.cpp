@@ -221,6 +221,7 @@ TEST(CliRoundTrip, UnitScalingBothWays) {
 TEST(CliWrite, ExactBytesOfSmallFiles) {
     CliHeader h = test_header();
     h.units = 0.5f;
+    h.date = 10126;
     h.layers = 0;
     h.xmax = 5, h.ymax = 1e10;
     Model m = {{1, {{CLI_POLYLINE, 1, 0, {{3, 0.25f}, {1e10f, -12}}}, {CLI_POLYLINE, 2, 1, {}}}},
@@ -228,7 +229,7 @@ TEST(CliWrite, ExactBytesOfSmallFiles) {
                {2, {}},
                {3, {{CLI_HATCHES, 6, 0, {}}}}};
     EXPECT_EQ(write_cli(m, CLI_FORMAT_ASCII, false, false, &h),
-              "$$HEADERSTART\n$$ASCII\n$$VERSION/200\n$$UNITS/0.5\n$$DATE/191126\n"
+              "$$HEADERSTART\n$$ASCII\n$$VERSION/200\n$$UNITS/0.5\n$$DATE/010126\n"
               "$$DIMENSION/5,1e+10,60000,0,0,0\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/1.\n"
               "$$POLYLINE/1,0,2,3.,0.25,1.E+10,-12.\n$$POLYLINE/2,1,0,\n"
               "$$HATCHES/5,1,1.,2.,3.,4.\n$$LAYER/2.\n$$LAYER/3.\n$$HATCHES/6,0,\n"
@@ -248,7 +249,7 @@ TEST(CliWrite, ExactBytesOfSmallFiles) {
     EXPECT_TRUE(cli_set_option(s, CLI_OPT_LAYER, &z[2]));
     cli_destroy(s);
     EXPECT_EQ(file_text(f),
-              "$$HEADERSTART\n$$ASCII\n$$VERSION/200\n$$UNITS/0.5\n$$DATE/191126\n"
+              "$$HEADERSTART\n$$ASCII\n$$VERSION/200\n$$UNITS/0.5\n$$DATE/010126\n"
               "$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/14.\n$$LAYER/16.\n$$GEOMETRYEND");
     // Short aligned binary: -1 wraps to 65535, padding before every value
     // but between x and y.
@@ -258,16 +259,22 @@ TEST(CliWrite, ExactBytesOfSmallFiles) {
     std::string head = "$$HEADERSTART\n$$BINARY\n$$ALIGN\n$$VERSION/200\n$$UNITS/1.\n"
                        "$$DATE/191126\n$$HEADEREND";
     const std::string pad((4 - head.size() % 4) % 4, '\0');
-    Model neg = {{2, {{CLI_POLYLINE, 9, 1, {{-1, 2.9f}}}}}};
+    // Hatches are short in either form; aligned integers keep 16 bits.
+    Model neg = {{2,
+                  {{CLI_POLYLINE, 70000, 1, {{-1, 2.9f}}},
+                   {CLI_HATCHES, 5, 0, {{1.7f, 2}, {3, 4}}},
+                   {CLI_POLYLINE, 6, 0, {}}}}};
+    const std::string hatch =
+        u16(131) + u16(0) + u16(5) + u16(0) + u16(1) + u16(0) + u16(1) + u16(2) + u16(3) + u16(4);
     EXPECT_EQ(write_cli(neg, CLI_FORMAT_BINARY, true, true, &h),
-              head + pad + u16(128) + u16(0) + u16(2) + u16(0) + u16(129) + u16(0) + u16(9) +
-                  u16(0) + u16(1) + u16(0) + u16(1) + u16(0) + u16(65535) + u16(2));
+              head + pad + u16(128) + u16(0) + u16(2) + u16(0) + u16(129) + u16(0) + u16(4464) +
+                  u16(0) + u16(1) + u16(0) + u16(1) + u16(0) + u16(65535) + u16(2) + hatch +
+                  u16(129) + u16(0) + u16(6) + u16(0) + u16(0) + u16(0) + u16(0));
     // Long aligned binary: integers take 16 bits and two zero bytes.
-    head = "$$HEADERSTART\n$$BINARY\n$$ALIGN\n$$VERSION/200\n$$UNITS/1.\n$$DATE/191126\n"
-           "$$HEADEREND";
     EXPECT_EQ(write_cli(neg, CLI_FORMAT_BINARY, true, false, &h),
-              head + pad + u16(127) + u16(0) + f32(2) + u16(130) + u16(0) + u32(9) + u32(1) +
-                  u32(1) + f32(-1) + f32(2.9f));
+              head + pad + u16(127) + u16(0) + f32(2) + u16(130) + u16(0) + u32(4464) + u32(1) +
+                  u32(1) + f32(-1) + f32(2.9f) + hatch + u16(130) + u16(0) + u32(6) + u32(0) +
+                  u16(0));
     // Nothing written: only the end keyword.
     EXPECT_EQ(write_cli({}, CLI_FORMAT_ASCII, false, false, &h), "$$GEOMETRYEND");
 }
@@ -344,7 +351,8 @@ TEST(CliRead, AsciiHardCases) {
         // Comments, blanks inside keywords and numbers, lower case, unknown
         // header keywords with parameters.
         {"$$HEADER START\n$$ascii $$FOO/1,2 $$Units/2\n// a comment line\n$$HEADEREND\n"
-         "$$GEOMETRYSTART $$layer/ 1 2 . 5 // 12.5\n$$polyLINE/1,0,2,1,2,3,4 $$GEOMETRYEND",
+         "$$GEOMETRYSTART $$layer/ 1 2 . 5 // 12.5\n$$polyLINE// x //1,0,2,1,2,3,// z /x4 "
+         "$$GEOMETRYEND",
          1, 0, 1, 12.5f},
         {"// first\n" + ascii_head + "$$GEOMETRYEND", 0, CLI_E_FORMAT, 1, 0},
         {ascii_head + "$$LAYER/1\n$$POLYLINE/1x,0,2,1,2,3,4\n$$GEOMETRYEND", 0, 0, 0, 1},
@@ -354,10 +362,11 @@ TEST(CliRead, AsciiHardCases) {
         {ascii_head + "$$LAYERSANDMOREX/1\n" + poly, 0, CLI_E_KEYWORD, 1, 0},
         {"$$HEADERSTART $$HEADEREND $$GEOMETRYSTART $$HEADERSTART", 0, 0, 1, 0},
         {"$$HEADERSTART $$GEOMETRYSTART", 0, CLI_E_KEYWORD, 1, 0},
+        {"$$HEADERSTART $$GEOMETRYSTART $$HEADEREND $$GEOMETRYSTART $$LAYER/1 " + poly, 1, 0, 1, 1},
         {"$$HEADERSTART $$ASCII", 0, CLI_E_FORMAT, 1, 0},
         // Counts far beyond the file: no large allocation, a quiet stop.
-        {ascii_head + "$$POLYLINE/1,0,4000000000,1,2", 0, 0, 0, 0},
-        {ascii_head + "$$HATCHES/1,2000000000,1,2", 0, 0, 0, 0},
+        {ascii_head + "$$POLYLINE/1,0,10000000,1,2", 0, 0, 0, 0},
+        {ascii_head + "$$HATCHES/1,5000000,1,2", 0, 0, 0, 0},
     };
     for (const Case &k : cases) {
         for (bool regular : {true, false}) {
