@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
@@ -7,7 +8,6 @@
 #include <vector>
 
 #include "formats/cli/cli_internal.h"
-#include "test_util.h"
 
 namespace {
 
