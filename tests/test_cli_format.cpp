@@ -383,9 +383,10 @@ TEST(CliRead, AsciiHardCases) {
             }
         }
     }
-    Read r = read_cli("$$HEADERSTART $$ASCII $$DIMENSION/10,20,30,0,0,0 $$UNITS/0 $$HEADEREND "
-                      "$$GEOMETRYSTART $$LAYER/1 $$HATCHES/5,2,1,2,3,4,5,6,7,8");
+    Read r = read_cli("$$HEADERSTART $$ASCII $$DIMENSION/10,20,30,0,0,0 $$UNITS/0 $$LAYERS/3 // n\n"
+                      "$$HEADEREND $$GEOMETRYSTART $$LAYER/1 $$HATCHES/5,2,1,2,3,4,5,6,7,8");
     EXPECT_EQ(r.header.units, 1.0f);
+    EXPECT_EQ(r.header.layers, 3u);
     EXPECT_EQ(r.header.xmax + r.header.ymax + r.header.zmax, 60.0);
     EXPECT_EQ(r.header.xmin + r.header.ymin + r.header.zmin, 0.0);
     ASSERT_EQ(r.model.size(), 1u);

@@ -1,6 +1,7 @@
 // The CLI reader: the ASCII scanner (significant characters, comments,
 // tokens, numbers, texts), the binary value layer, the header section and
 // the elements of the geometry section.
+#include <cctype>
 #include <cfloat>
 #include <cmath>
 #include <cstdlib>
@@ -117,7 +118,8 @@ int ascii_integer(CliStream *s, uint32_t *out) {
     if (!read_token(s, token, number_capacity)) return 0;
     char *end = nullptr;
     long v = strtol(token, &end, 10);
-    if (*end != '\0' && *end != ' ') {
+    // A comment behind the number leaves its line feed in the token.
+    if (*end != '\0' && !isspace(static_cast<unsigned char>(*end))) {
         s->silent_stop = 1;
         return 0;
     }
@@ -327,10 +329,9 @@ int read_user_block(CliStream *s, uint32_t length, uint8_t **out, uint32_t *size
     *out = nullptr;
     *size = 0;
     if (length == 0) return 1;
-    uint64_t first = s->measured ? cli_bytes_left(s) : unknown_size_block;
-    if (first > length) first = length;
-    if (first == 0) return cli_fail(s, CLI_E_EOF);
-    uint32_t cap = static_cast<uint32_t>(first), got = 0;
+    if (s->measured && length > cli_bytes_left(s)) return cli_fail(s, CLI_E_EOF);
+    uint32_t cap = s->measured || length < unknown_size_block ? length : unknown_size_block;
+    uint32_t got = 0;
     uint8_t *data = static_cast<uint8_t *>(mm_malloc(cap));
     if (!data) return cli_fail(s, CLI_E_MEMORY);
     for (;;) {
