@@ -168,7 +168,8 @@ int cli_read_element(CliStream *s, CliElement *e);
 int cli_read_ended_cleanly(const CliStream *s);
 
 // Writes e (null only forces the header out); the header goes out before the
-// first element.
+// first element. An element whose count exceeds its capacity, or of a kind
+// other than CLI_POLYLINE and CLI_HATCHES, records CLI_E_ARGUMENT.
 int cli_write_element(CliStream *s, CliElement *e);
 
 // Grows e's point array to exactly n points when it holds fewer; 0 when
