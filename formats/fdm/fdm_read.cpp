@@ -160,18 +160,24 @@ int read_token(FdmStream *s, char *text, uint32_t max, bool word) {
     return 1;
 }
 
-// A keyword code, KW_NONE for an empty or unknown word (which also records
-// an illegal keyword unless the file is of version 11), KW_FAIL on failure.
-// empty tells whether the word was empty.
+// A keyword code, KW_NONE for an empty or unknown word, KW_FAIL on failure.
+// Records nothing itself: the callers decide what an unknown word means.
+// empty tells whether the word was empty (a number or the end follows).
 int lookup_keyword(FdmStream *s, bool *empty) {
     char word[WORD_TOKEN_MAX + 1];
     if (!read_token(s, word, WORD_TOKEN_MAX, true)) return KW_FAIL;
-    if (empty) *empty = word[0] == '\0';
+    *empty = word[0] == '\0';
     for (int i = 0; i < 8; i++) {
         if (strcmp(word, keywords[i]) == 0) return i + 1;
     }
-    if (s->version != VERSION_11) fdm_record(s, FDM_E_KEYWORD);
     return KW_NONE;
+}
+
+// Unknown words are tolerated in version 11 files only.
+int header_keyword(FdmStream *s, bool *empty) {
+    int kw = lookup_keyword(s, empty);
+    if (kw == KW_NONE && s->version != VERSION_11) fdm_record(s, FDM_E_KEYWORD);
+    return kw;
 }
 
 // Reads a number token into text; a missing token is a premature end.
@@ -224,12 +230,12 @@ bool at_end(FdmStream *s) {
 int read_header(FdmStream *s) {
     if (!fdm_ensure_header(s)) return 0;
     s->flags &= static_cast<uint8_t>(~FDM_F_SCALE);
-    if (lookup_keyword(s, nullptr) != KW_SLICE) return fdm_record(s, FDM_E_FORMAT);
+    bool empty = false;
+    if (header_keyword(s, &empty) != KW_SLICE) return fdm_record(s, FDM_E_FORMAT);
     for (;;) {
-        if (s->error) return 0;
+        if (s->error || skip_delimiters(s) < 0) return 0;
         if (at_end(s)) return fdm_record(s, FDM_E_EOF);
-        bool empty = false;
-        int kw = lookup_keyword(s, &empty);
+        int kw = header_keyword(s, &empty);
         if (kw == KW_FAIL) return 0;
         if (kw == KW_Z) break;
         if (kw == KW_V) {
@@ -301,15 +307,16 @@ int read_contour_body(FdmStream *s, FdmContour *c) {
         }
         return skip_line(s) && skip_line(s);
     }
-    int kw = lookup_keyword(s, nullptr);
+    bool empty = false;
+    int kw = lookup_keyword(s, &empty);
     if (kw == KW_C) {
         c->closure = FDM_CLOSED;
     } else if (kw == KW_O) {
         c->closure = FDM_OPEN;
-    } else {
-        return fdm_record(s, FDM_E_KEYWORD);
+    } else if (kw != KW_FAIL) {
+        return fdm_record(s, empty && s->last_raw == FDM_EOF ? FDM_E_EOF : FDM_E_KEYWORD);
     }
-    return 1;
+    return kw != KW_FAIL;
 }
 
 // After a Z line's numbers a version 11 file may carry an O and the rest
@@ -330,21 +337,19 @@ int fdm_read_contour(FdmStream *s, FdmContour *c) {
     if (s->mode != FDM_MODE_READ) return fdm_record(s, FDM_E_CONTEXT);
     if (s->error) return 0;
     bool new_layer = false;
+    bool empty = false;
     int kw;
     if (!(s->flags & FDM_F_HEADER_READ)) {
         if (!read_header(s)) return 0;
         kw = KW_Z;
     } else {
-        kw = lookup_keyword(s, nullptr);
+        kw = lookup_keyword(s, &empty);
     }
     for (;;) {
         if (kw == KW_FAIL) return 0;
-        if (kw == KW_NONE) {
-            // An unknown word where a keyword belongs starts a contour: the
-            // illegal keyword that the lookup recorded is withdrawn.
-            s->error = 0;
-            kw = KW_C;
-        }
+        // An unknown word, or a number, where a keyword belongs starts a
+        // contour.
+        if (kw == KW_NONE) kw = KW_C;
         if (at_end(s)) return 0;
         switch (kw) {
         case KW_C:
@@ -360,6 +365,6 @@ int fdm_read_contour(FdmStream *s, FdmContour *c) {
         default:
             break;
         }
-        kw = lookup_keyword(s, nullptr);
+        kw = lookup_keyword(s, &empty);
     }
 }

@@ -40,7 +40,7 @@ void header_set_defaults(FdmHeader *h) {
 int setup_buffer(FdmStream *s) {
     if (!s->file) return fdm_record(s, FDM_E_CONTEXT);
     if (s->buffer) return 1;
-    uint32_t size = FDM_BUFFER_SIZE;
+    uint32_t size = s->buffer_size ? s->buffer_size : static_cast<uint32_t>(FDM_BUFFER_SIZE);
     if (s->mode == FDM_MODE_READ && s->file != stdin) {
         int fd = fileno(s->file);
         struct stat st;
