@@ -1,6 +1,8 @@
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <gtest/gtest.h>
+#include <limits>
 #include <random>
 #include <string>
 #include <vector>
@@ -222,6 +224,28 @@ TEST(FdmWrite, ExactBytes) {
     EXPECT_EQ(scaled.contour({{1, 3}, {4, 5}}), 1);
     EXPECT_EQ(scaled.finish(),
               "SLICE V0\nSLICES ()\nZ   0.5  0.01\n  0.5   1.5\n  2.   2.5\nO\nEND\n");
+}
+
+TEST(FdmWrite, NumberTextMatchesPrintf) {
+    std::mt19937 rng(99);
+    std::vector<float> values = {0.0f, -0.0f,   -1e-9f,  1e-9f,
+                                 9e9f, -8.9e9f, 3.4e38f, -std::numeric_limits<float>::infinity()};
+    for (int i = 1; i < 400; i += 2)
+        values.push_back(static_cast<float>(i) / 128.0f); // ties of the sixth decimal
+    std::uniform_real_distribution<float> wide(-20000.0f, 20000.0f);
+    for (int i = 0; i < 200000; i++) {
+        uint32_t bits = static_cast<uint32_t>(rng());
+        float f;
+        memcpy(&f, &bits, sizeof f);
+        values.push_back(i % 2 && !std::isnan(f) ? f : wide(rng));
+    }
+    char fast[FDM_NUMBER_TEXT_SIZE], slow[FDM_NUMBER_TEXT_SIZE];
+    for (float v : values) {
+        uint32_t n = fdm_format_fixed(v, fast);
+        snprintf(slow, sizeof slow, "%10f", static_cast<double>(v));
+        ASSERT_STREQ(fast, slow) << v;
+        ASSERT_EQ(n, strlen(slow));
+    }
 }
 
 TEST(FdmWrite, WriteErrorsAreRecorded) {

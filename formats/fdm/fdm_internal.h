@@ -82,5 +82,9 @@ FdmHeader *fdm_create_header();
 // Makes the default header record if the stream has none; 0 records 11.
 int fdm_ensure_header(FdmStream *s);
 
+// The text of "%10f" for v, which must be a float value, into text (at
+// least FDM_NUMBER_TEXT_SIZE bytes); the result is its length.
+uint32_t fdm_format_fixed(double v, char *text);
+
 // The writer's part of FDM_OPT_LAYER once the header is out.
 int fdm_write_z_line(FdmStream *s);

@@ -5,6 +5,7 @@
 // fdm_destroy. Every line ends with a single line feed. Numbers are printed
 // as "%10f" of the 32-bit value with trailing zeros cut (the full stop
 // stays): 1 is "  1.", -0.5 is " -0.5", 123.25 is "123.25".
+#include <cmath>
 #include <cstring>
 
 #include "formats/fdm/fdm_internal.h"
@@ -37,15 +38,12 @@ int write_number(FdmStream *s, double value) {
         v = static_cast<float>((1.0 / static_cast<double>(s->header->scale)) *
                                static_cast<double>(v));
     }
-    char *text = s->number_text;
-    int n = snprintf(text, FDM_NUMBER_TEXT_SIZE, "%10f", static_cast<double>(v));
-    if (n < 0) return fdm_record(s, FDM_E_WRITE);
-    uint32_t len = static_cast<uint32_t>(strlen(text));
-    if (memchr(text, '.', len)) {
-        while (len > 0 && text[len - 1] == '0')
+    uint32_t len = fdm_format_fixed(static_cast<double>(v), s->number_text);
+    if (memchr(s->number_text, '.', len)) {
+        while (len > 0 && s->number_text[len - 1] == '0')
             len--;
     }
-    return fdm_write_bytes(s, text, len);
+    return fdm_write_bytes(s, s->number_text, len);
 }
 
 int write_header(FdmStream *s) {
@@ -68,6 +66,39 @@ int write_header(FdmStream *s) {
 }
 
 } // namespace
+
+uint32_t fdm_format_fixed(double v, char *text) {
+    // For a float value v * 1e6 is exact in a double (24 + 14 bits), so
+    // rounding it to an integer (ties to even, as printf does) gives the six
+    // decimals directly. Large and non-finite values go through snprintf.
+    double scaled = v * 1e6;
+    if (!(std::fabs(scaled) < 9.0e15)) {
+        int n = snprintf(text, FDM_NUMBER_TEXT_SIZE, "%10f", v);
+        return n < 0 ? 0u : static_cast<uint32_t>(strlen(text));
+    }
+    uint64_t u = static_cast<uint64_t>(std::fabs(std::nearbyint(scaled)));
+    char digits[24];
+    uint32_t n = 0;
+    do {
+        digits[n++] = static_cast<char>('0' + u % 10);
+        u /= 10;
+    } while (u != 0);
+    while (n < 7)
+        digits[n++] = '0';
+    bool negative = std::signbit(v);
+    uint32_t len = (negative ? 1u : 0u) + n + 1;
+    uint32_t at = 0;
+    while (at + len < 10)
+        text[at++] = ' ';
+    if (negative) text[at++] = '-';
+    for (uint32_t i = n; i > 6; i--)
+        text[at++] = digits[i - 1];
+    text[at++] = '.';
+    for (uint32_t i = 6; i > 0; i--)
+        text[at++] = digits[i - 1];
+    text[at] = '\0';
+    return at;
+}
 
 int fdm_write_z_line(FdmStream *s) {
     if (!write_keyword(s, KW_Z) || !write_number(s, s->layer_z)) return 0;
