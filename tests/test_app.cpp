@@ -40,10 +40,22 @@ std::string units_error(const std::string &value) {
     return "laytran: output file format does not allow such units, " + value + " MM.\n";
 }
 
+// A two-layer millimetre model at the FDM layer spacing, so that every
+// output format takes it without a warning.
+const char MODEL_CLI[] = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
+                         "$$LAYER/0.127\n$$POLYLINE/1,1,3,0,0,1,0,1,1\n"
+                         "$$LAYER/0.254\n$$POLYLINE/1,1,3,0,0,1,0,1,1\n$$GEOMETRYEND\n";
+
+// An SLC file with an empty header and no layers.
+std::string empty_slc() {
+    return std::string("\x1a") + std::string(256, '\0') + std::string(5, '\0') +
+           std::string(4, '\xff');
+}
+
 // Runs in dir and expects exit status 0 and exactly err on the error stream.
 void expect_run(const std::vector<std::string> &args, const std::string &err,
-                const std::string &dir = "") {
-    RunResult r = run_laytran(args, dir);
+                const std::string &dir = "", const std::string &input = MODEL_CLI) {
+    RunResult r = run_laytran(args, dir, input);
     EXPECT_EQ(r.status, 0) << args[0];
     EXPECT_EQ(r.err, err) << args[0] << " " << (args.size() > 1 ? args[1] : "");
 }
@@ -79,16 +91,16 @@ TEST(App, HelpTextEndsTheProcessWithZero) {
 }
 
 TEST(App, VerbosityLevels) {
-    RunResult r = run_laytran({"-V", "1"}, "", "", "/opt/bin/lt");
+    RunResult r = run_laytran({"-V", "1"}, "", MODEL_CLI, "/opt/bin/lt");
     EXPECT_EQ(r.err, std::string(ID_LINES) + "laytran(info): total time was insignificant\n");
-    r = run_laytran({"-V", "2 x"}, "", "", "/opt/bin/lt");
+    r = run_laytran({"-V", "2 x"}, "", MODEL_CLI, "/opt/bin/lt");
     EXPECT_EQ(r.err, ID_LINES);
     // The gap report follows SLC input at verbosity 1 to 6 only.
     const std::string no_gaps = "laytran(info): input file contains no gaps\n";
-    expect_run({"-F", "S"}, no_gaps);
-    expect_run({"-F", "S", "-V", "6"}, no_gaps);
-    expect_run({"-F", "S", "-V", "7"}, "");
-    expect_run({"-F", "S", "-V", "0"}, "");
+    expect_run({"-F", "S"}, no_gaps, "", empty_slc());
+    expect_run({"-F", "S", "-V", "6"}, no_gaps, "", empty_slc());
+    expect_run({"-F", "S", "-V", "7"}, "", "", empty_slc());
+    expect_run({"-F", "S", "-V", "0"}, "", "", empty_slc());
     expect_run({"-F", "SC"}, "");
 }
 
@@ -102,7 +114,8 @@ TEST(App, OutputUnitsAndUnitWords) {
     expect_run({"-U", "inch", "-o", "s.ssl"}, "", d.path());
     expect_run({"-U", "1", "-O", "S"}, "");
     expect_run({"-U", "25.4", "-O", "S"}, "");
-    expect_run({"-U", "0.001"}, "");
+    expect_run({"-U", "0.001"}, "laytran(WARNING): units different from 0.01(MM) may cause the "
+                                "conversion\nlaytran(WARNING):   to SLI to fail.\n");
 }
 
 TEST(App, OutputLettersThatForcePositiveCoordinates) {
@@ -117,9 +130,9 @@ TEST(App, FileNamesAndDefaultExtensions) {
     TempDir d;
     const std::string dir = d.path();
     const std::string no_file = "laytran: (No such file or directory)\n";
-    write_file(d.file("part.cli"), "");
-    write_file(d.file("part.SLC"), "");
-    write_file(d.file("p.slc"), "");
+    write_file(d.file("part.cli"), MODEL_CLI);
+    write_file(d.file("part.SLC"), MODEL_CLI);
+    write_file(d.file("p.slc"), empty_slc());
     expect_run({"-f", "part"}, "laytran(info): input file format assumed to be CLI\n", dir);
     expect_run({"-f", "part.SLC"}, "laytran(info): input file format assumed to be CLI\n", dir);
     expect_run({"-f", "p.slc"}, "laytran(info): input file contains no gaps\n", dir);
@@ -139,7 +152,7 @@ TEST(App, FileNamesAndDefaultExtensions) {
                std::string(ASSUMED_BINARY) +
                    "laytran(info): output file result.cli already exists\n",
                dir);
-    EXPECT_EQ(read_file(d.file("result.cli")), "");
+    EXPECT_NE(read_file(d.file("result.cli")), "old");
     expect_run({"-o", "result.ssl"}, "", dir);
     EXPECT_TRUE(file_exists(d.file("result.ssl")));
     ASSERT_EQ(mkdir(d.file("dir.old").c_str(), 0755), 0);
@@ -157,7 +170,12 @@ TEST(App, ClosingMessageBoxOnlyWhenAskedFor) {
     expect_run({"-W", "n"}, box);
     expect_run({"-W", "nN"}, "");
     expect_run({"-W", "n C"}, box);
-    RunResult r = run_laytran({"-W", "n", "-V", "1", "-F", "S"}, "", "", "/opt/bin/lt");
+    RunResult r = run_laytran({"-W", "n", "-V", "1", "-F", "S"}, "", empty_slc(), "/opt/bin/lt");
     EXPECT_EQ(r.err, std::string(ID_LINES) + "laytran(info): input file contains no gaps\n" +
                          "laytran(info): total time was insignificant\n" + box);
+    // A failed run says so, after its error.
+    r = run_laytran({"-W", "n", "-F", "C"}, "", "$$GEOMETRYEND");
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err, "laytran: error reading input file (illegal file format)\n"
+                     "Slice file conversion failed. Please check the log file\n");
 }

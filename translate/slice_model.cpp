@@ -45,7 +45,9 @@ void contour_free_points(SliceContour *contour) {
 namespace {
 
 // A contour's points as consumers see them: never more than are stored.
-uint32_t contour_points_in_use(const SliceContour &c) { return c.count < c.held ? c.count : c.held; }
+uint32_t contour_points_in_use(const SliceContour &c) {
+    return c.count < c.held ? c.count : c.held;
+}
 
 uint32_t layer_contours_in_use(const SliceLayer &l) {
     return l.contour_count < l.held ? l.contour_count : l.held;
@@ -106,14 +108,18 @@ void contour_reverse(SliceContour *contour) {
 void stack_reverse(SliceStack *stack) {
     for (uint32_t i = 0; i < stack->count; i++) {
         SliceLayer &layer = stack->layers[i];
-        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) contour_reverse(&layer.contours[j]);
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++)
+            contour_reverse(&layer.contours[j]);
     }
 }
 
-bool bounds_negative(const SliceBounds &b) { return b.xmin < 0.0 || b.ymin < 0.0 || b.zmin < 0.0; }
+bool bounds_negative(const SliceBounds &b) {
+    return b.xmin < 0.0 || b.ymin < 0.0 || b.zmin < 0.0;
+}
 
 void layer_free(SliceLayer *layer) {
-    for (uint32_t j = 0; j < layer->held; j++) contour_free_points(&layer->contours[j]);
+    for (uint32_t j = 0; j < layer->held; j++)
+        contour_free_points(&layer->contours[j]);
     mm_free(layer->contours, layer->held * sizeof(SliceContour), 0);
     layer->contours = nullptr;
     layer->held = 0;
@@ -121,7 +127,8 @@ void layer_free(SliceLayer *layer) {
 }
 
 void stack_free(SliceStack *stack) {
-    for (uint32_t i = 0; i < stack->count; i++) layer_free(&stack->layers[i]);
+    for (uint32_t i = 0; i < stack->count; i++)
+        layer_free(&stack->layers[i]);
     mm_free(stack->layers, stack->capacity * sizeof(SliceLayer), 0);
     stack->layers = nullptr;
     stack->capacity = 0;

@@ -24,26 +24,26 @@ struct SlicePoint {
 };
 
 struct SliceContour {
-    uint32_t kind;        // CONTOUR_PART, CONTOUR_SUPPORT, CONTOUR_WEB or 0
-    uint32_t count;       // point count
-    uint32_t gaps;        // gap count (SLC input only)
-    uint32_t held;        // points actually stored
-    uint32_t capacity;    // points the array can take
-    SlicePoint *points;   // owned
-    uint32_t id;          // CLI element identifier
-    uint32_t direction;   // CLI direction; FDM input: 1 closed, 2 open
+    uint32_t kind;      // CONTOUR_PART, CONTOUR_SUPPORT, CONTOUR_WEB or 0
+    uint32_t count;     // point count
+    uint32_t gaps;      // gap count (SLC input only)
+    uint32_t held;      // points actually stored
+    uint32_t capacity;  // points the array can take
+    SlicePoint *points; // owned
+    uint32_t id;        // CLI element identifier
+    uint32_t direction; // CLI direction; FDM input: 1 closed, 2 open
 };
 
 struct SliceLayer {
     float z;
-    float thickness;          // 0 when the input gives none
-    uint32_t contour_count;   // contours consumers go through
-    uint32_t held;            // contour records allocated
-    SliceContour *contours;   // owned
+    float thickness;        // 0 when the input gives none
+    uint32_t contour_count; // contours consumers go through
+    uint32_t held;          // contour records allocated
+    SliceContour *contours; // owned
 };
 
 struct SliceStack {
-    SliceLayer *layers;   // owned
+    SliceLayer *layers; // owned
     uint32_t capacity;
     uint32_t count;
 };
@@ -52,7 +52,9 @@ struct SliceBounds {
     double xmin, xmax, ymin, ymax, zmin, zmax;
 };
 
-inline bool point_is_gap_mark(const SlicePoint &p) { return p.x == GAP_MARK && p.y == GAP_MARK; }
+inline bool point_is_gap_mark(const SlicePoint &p) {
+    return p.x == GAP_MARK && p.y == GAP_MARK;
+}
 
 SliceLayer *stack_add_layer(SliceStack *stack);
 SliceContour *layer_add_contour(SliceLayer *layer);

@@ -1,27 +1,126 @@
+// Creation, error report and tear-down of the run's two format streams.
+#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
+#include "formats/cli/cli.h"
+#include "formats/fdm/fdm.h"
+#include "formats/slc/slc.h"
 #include "job/job_settings.h"
 #include "support/mm.h"
 #include "translate/translate.h"
 
-// Placeholder until the format modules are joined in: no streams yet.
-int streams_open() { return 1; }
+namespace {
 
-int streams_check() { return 1; }
+int failed_to(const char *what) {
+    fprintf(stderr, "%s: failed to %s.\n", job.program_name, what);
+    return 0;
+}
 
-static void release_path(char *&path) {
+void *int_option(intptr_t value) {
+    return reinterpret_cast<void *>(value);
+}
+
+const char *input_error_text() {
+    if (job.flags[0] & JOB_IN_CLI) return job.cli_in ? cli_stream_error_text(job.cli_in) : nullptr;
+    if (job.flags[0] & JOB_IN_SLC) return job.slc_in ? slc_stream_error_text(job.slc_in) : nullptr;
+    return job.fdm_in ? fdm_stream_error_text(job.fdm_in) : nullptr;
+}
+
+const char *output_error_text() {
+    if (job_out_is_cli(job)) return job.cli_out ? cli_stream_error_text(job.cli_out) : nullptr;
+    if (job.flags[1] & JOB_OUT_SLC)
+        return job.slc_out ? slc_stream_error_text(job.slc_out) : nullptr;
+    return job.fdm_out ? fdm_stream_error_text(job.fdm_out) : nullptr;
+}
+
+void release_path(char *&path) {
     if (path) mm_free(path, strlen(path) + 1, 0);
     path = nullptr;
+}
+
+} // namespace
+
+int streams_open() {
+    uint32_t read_mode = 1, write_mode = 2;
+    if (job.flags[0] & JOB_IN_CLI) {
+        job.cli_in = cli_create();
+        if (!job.cli_in) return failed_to("initialize the CLI input");
+        cli_set_option(job.cli_in, CLI_OPT_MODE, &read_mode);
+        cli_set_option(job.cli_in, CLI_OPT_FILE, job.in);
+        cli_set_option(job.cli_in, CLI_OPT_SCALE, int_option(0));
+        job.current_in = job.cli_in;
+    } else if (job.flags[0] & JOB_IN_SLC) {
+        job.slc_in = slc_create();
+        if (!job.slc_in) return failed_to("initialize the SLC input");
+        slc_set_option(job.slc_in, SLC_OPT_MODE, &read_mode);
+        slc_set_option(job.slc_in, SLC_OPT_FILE, job.in);
+        job.current_in = job.slc_in;
+    } else {
+        job.fdm_in = fdm_create();
+        if (!job.fdm_in) return failed_to("initialize the FDM input");
+        fdm_set_option(job.fdm_in, FDM_OPT_MODE, &read_mode);
+        fdm_set_option(job.fdm_in, FDM_OPT_FILE, job.in);
+        job.current_in = job.fdm_in;
+    }
+
+    if (job_out_is_cli(job)) {
+        job.cli_out = cli_create();
+        if (!job.cli_out) return failed_to("initialize the CLI output");
+        uint32_t format = (job.flags[0] & JOB_OUT_CLI_ASCII) ? 1 : 2;
+        cli_set_option(job.cli_out, CLI_OPT_FILE, job.out);
+        cli_set_option(job.cli_out, CLI_OPT_MODE, &write_mode);
+        cli_set_option(job.cli_out, CLI_OPT_FORMAT, &format);
+        cli_set_option(job.cli_out, CLI_OPT_ALIGN,
+                       int_option((job.flags[0] & JOB_OUT_CLI_ALIGNED) ? 1 : 0));
+        cli_set_option(job.cli_out, CLI_OPT_SHORT,
+                       int_option((job.flags[1] & JOB_OUT_CLI_SHORT) ? 1 : 0));
+        cli_set_option(job.cli_out, CLI_OPT_SCALE, int_option(0));
+        job.current_out = job.cli_out;
+    } else if (job.flags[1] & JOB_OUT_SLC) {
+        job.slc_out = slc_create();
+        if (!job.slc_out) return failed_to("initialize the SLC output");
+        slc_set_option(job.slc_out, SLC_OPT_MODE, &write_mode);
+        slc_set_option(job.slc_out, SLC_OPT_FILE, job.out);
+        job.current_out = job.slc_out;
+    } else {
+        job.fdm_out = fdm_create();
+        if (!job.fdm_out) return failed_to("initialize the FDM output");
+        fdm_set_option(job.fdm_out, FDM_OPT_MODE, &write_mode);
+        fdm_set_option(job.fdm_out, FDM_OPT_FILE, job.out);
+        job.current_out = job.fdm_out;
+    }
+    return 1;
+}
+
+int streams_check() {
+    int result = 1;
+    if (const char *text = input_error_text()) {
+        fprintf(stderr, "%s: error reading input file (%s)\n", job.program_name, text);
+        result = 0;
+    }
+    if (const char *text = output_error_text()) {
+        fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, text);
+        return 0;
+    }
+    return result;
 }
 
 void streams_close() {
     release_path(job.in_path);
     release_path(job.out_path);
+    // Destroying an output stream writes the end of its file and flushes.
+    cli_destroy(job.cli_in);
+    cli_destroy(job.cli_out);
+    slc_destroy(job.slc_in);
+    slc_destroy(job.slc_out);
+    fdm_destroy(job.fdm_in);
+    fdm_destroy(job.fdm_out);
+    job.cli_in = job.cli_out = nullptr;
+    job.slc_in = job.slc_out = nullptr;
+    job.fdm_in = job.fdm_out = nullptr;
+    job.current_in = job.current_out = nullptr;
     if (job.in) fclose(job.in);
     if (job.out) fclose(job.out);
-    job.in = nullptr;
-    job.out = nullptr;
+    job.in = job.out = nullptr;
 }
-
-int translate_job() { return 1; }

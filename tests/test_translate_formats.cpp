@@ -1,0 +1,261 @@
+// End-to-end runs of the executable between the three formats.
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <gtest/gtest.h>
+#include <sstream>
+
+#include "test_util.h"
+
+namespace {
+
+// Little-endian SLC building blocks.
+struct SlcBytes {
+    std::string bytes;
+    void u8(uint8_t v) { bytes += static_cast<char>(v); }
+    void u32(uint32_t v) {
+        for (int i = 0; i < 4; i++)
+            u8(static_cast<uint8_t>(v >> (8 * i)));
+    }
+    void f32(float f) {
+        uint32_t v;
+        memcpy(&v, &f, 4);
+        u32(v);
+    }
+    void header(const std::string &text) {
+        bytes += text + "\r\n\x1a";
+        bytes += std::string(256, '\0');
+    }
+    void table(std::initializer_list<float> entries) {
+        u8(static_cast<uint8_t>(entries.size() / 4));
+        for (float f : entries)
+            f32(f);
+    }
+    void layer(float z, uint32_t count) {
+        f32(z);
+        u32(count);
+    }
+    void boundary(uint32_t gaps, const std::vector<float> &xy) {
+        u32(static_cast<uint32_t>(xy.size() / 2));
+        u32(gaps);
+        for (float f : xy)
+            f32(f);
+    }
+};
+
+const char *const SLC_HEADER_MM = "-SLCVER 2.0\n-UNIT MM \n-TYPE PART \n"
+                                  "-PACKAGE Vantorell/Plexo_Forge_3.3\n";
+
+// The geometry of an ASCII CLI file: per layer its level and point lists.
+struct Geometry {
+    std::vector<std::pair<double, std::vector<std::vector<double>>>> layers;
+};
+
+Geometry parse_ascii_cli(const std::string &text) {
+    Geometry g;
+    std::istringstream in(text);
+    std::string line;
+    while (std::getline(in, line)) {
+        if (line.rfind("$$LAYER/", 0) == 0) {
+            g.layers.push_back({atof(line.c_str() + 8), {}});
+        } else if (line.rfind("$$POLYLINE/", 0) == 0 && !g.layers.empty()) {
+            std::vector<double> values;
+            std::istringstream fields(line.substr(11));
+            std::string field;
+            while (std::getline(fields, field, ','))
+                values.push_back(atof(field.c_str()));
+            // id, dir, count, then the points
+            g.layers.back().second.push_back(std::vector<double>(values.begin() + 3, values.end()));
+        }
+    }
+    return g;
+}
+
+void expect_same_geometry(const Geometry &a, const Geometry &b, double tolerance,
+                          const std::string &what) {
+    ASSERT_EQ(a.layers.size(), b.layers.size()) << what;
+    for (size_t i = 0; i < a.layers.size(); i++) {
+        EXPECT_NEAR(a.layers[i].first, b.layers[i].first, tolerance) << what;
+        ASSERT_EQ(a.layers[i].second.size(), b.layers[i].second.size()) << what;
+        for (size_t j = 0; j < a.layers[i].second.size(); j++) {
+            const auto &p = a.layers[i].second[j], &q = b.layers[i].second[j];
+            ASSERT_EQ(p.size(), q.size()) << what;
+            for (size_t k = 0; k < p.size(); k++)
+                EXPECT_NEAR(p[k], q[k], tolerance) << what;
+        }
+    }
+}
+
+} // namespace
+
+TEST(TranslateSlc, CliToSlcWritesTheExactFile) {
+    TempDir dir;
+    write_file(dir.file("in.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
+               "$$LAYER/0.1\n$$POLYLINE/1,1,4,0,0,2,0,2,1,0,0\n"
+               "$$LAYER/0.2\n$$POLYLINE/1,1,4,0,0,2,0,2,1,0,0\n"
+               "$$LAYER/0.3\n$$POLYLINE/1,1,4,0,0,2,0,2,1,0,0\n$$GEOMETRYEND\n");
+    RunResult r = run_laytran({"-f", "in.cli", "-o", "out.slc"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    SlcBytes want;
+    want.header(SLC_HEADER_MM);
+    want.table({0.1f, 0.2f - 0.1f, 0, 0});
+    for (float z : {0.1f, 0.2f, 0.3f}) {
+        want.layer(z, 1);
+        want.boundary(0, {0, 0, 2, 0, 2, 1, 0, 0});
+    }
+    want.layer(0.3f, 0xffffffffu);
+    EXPECT_EQ(read_file(dir.file("out.slc")), want.bytes);
+    EXPECT_EQ(want.bytes.substr(0, 72).size(), 72u);
+
+    // SLC written by laytran reads back and writes the same bytes again.
+    r = run_laytran({"-f", "out.slc", "-o", "again.slc"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(info): input file contains no gaps\n");
+    EXPECT_EQ(read_file(dir.file("again.slc")), want.bytes);
+
+    // Inch output says so in its header.
+    r = run_laytran({"-f", "in.cli", "-o", "inch.slc", "-U", "25.4"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    std::string inch = read_file(dir.file("inch.slc"));
+    EXPECT_EQ(inch.substr(0, 24), "-SLCVER 2.0\n-UNIT INCH \n");
+    r = run_laytran({"-f", "inch.slc", "-o", "inch.cli", "-O", "A", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(
+        read_file(dir.file("inch.cli")).find("$$POLYLINE/0,0,4,0.,0.,200.,0.,200.,100.,0.,0."),
+        std::string::npos);
+}
+
+TEST(TranslateSlc, GapsSplitContoursAndAreReported) {
+    TempDir dir;
+    const float G = 3.4028235e38f;
+    SlcBytes slc;
+    slc.header("-UNIT MM -TYPE PART");
+    slc.table({1, 1, 0, 0});
+    slc.layer(1, 1);
+    slc.boundary(2, {0, 0, 1, 0, G, G, 2, 0, 3, 0, G, G, 4, 0, 5, 0});
+    slc.layer(1, 0xffffffffu);
+    write_file(dir.file("gaps.slc"), slc.bytes);
+    RunResult r = run_laytran({"-f", "gaps.slc", "-o", "gaps.cli", "-O", "A"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(info): input file contains 2 gap(s)\n");
+    EXPECT_NE(read_file(dir.file("gaps.cli"))
+                  .find("$$LAYER/100.\n$$POLYLINE/0,0,2,0.,0.,100.,0.\n"
+                        "$$POLYLINE/0,0,2,200.,0.,300.,0.\n$$POLYLINE/0,0,2,400.,0.,500.,0.\n"),
+              std::string::npos);
+    r = run_laytran({"-f", "gaps.slc", "-o", "gaps.ssl", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    std::string fdm = read_file(dir.file("gaps.ssl"));
+    size_t opens = 0;
+    for (size_t at = fdm.find("\nO\n"); at != std::string::npos; at = fdm.find("\nO\n", at + 1))
+        opens++;
+    EXPECT_EQ(opens, 3u);
+}
+
+TEST(TranslateSlc, RefusedOutputsAndBadInputFailTheRun) {
+    TempDir dir;
+    write_file(dir.file("hatch.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
+               "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$LAYER/0.2\n$$HATCHES/1,1,0,0,1,1\n"
+               "$$GEOMETRYEND\n");
+    RunResult r = run_laytran({"-f", "hatch.cli", "-o", "out.slc"}, dir.path());
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err,
+              "laytran: error writing output file (the SLC format holds part contours only)\n");
+
+    write_file(dir.file("one.cli"), "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n"
+                                    "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n");
+    r = run_laytran({"-f", "one.cli", "-o", "one.slc"}, dir.path());
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err,
+              "laytran: error writing output file (the SLC format needs at least two layers)\n");
+    EXPECT_EQ(read_file(dir.file("one.slc")), "");
+
+    write_file(dir.file("empty.slc"), "");
+    r = run_laytran({"-f", "empty.slc", "-o", "empty.cli"}, dir.path());
+    EXPECT_EQ(r.status, 255);
+    const std::string eof = "laytran: error reading input file (premature EOF (not an SLC file or "
+                            "truncated file?))\n";
+    EXPECT_EQ(r.err, "laytran(info): output file format assumed to be binary CLI\n" + eof + eof +
+                         "laytran(info): input file contains no gaps\n");
+}
+
+TEST(TranslateFdm, InchesToCliAndMillimetresToInches) {
+    TempDir dir;
+    write_file(dir.file("in.ssl"), "SLICE V0\nSLICES ()\nZ   0.005 .005\n  1.   2.\n"
+                                   "  1.5   2.\n  1.5   2.5\nC\nEND\n");
+    RunResult r = run_laytran({"-f", "in.ssl", "-o", "out.cli", "-O", "A"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_NE(
+        read_file(dir.file("out.cli"))
+            .find(
+                "$$LAYER/12.7\n$$POLYLINE/0,1,4,2540.,5080.,3810.,5080.,3810.,6350.,2540.,5080.\n"),
+        std::string::npos);
+
+    // Millimetres at 0.127 mm spacing are 0.005 inch layers: no warning.
+    write_file(dir.file("mm.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
+               "$$LAYER/0.127\n$$POLYLINE/1,1,4,25.4,25.4,50.8,25.4,50.8,50.8,25.4,25.4\n"
+               "$$LAYER/0.254\n$$POLYLINE/1,1,3,25.4,25.4,50.8,25.4,50.8,50.8\n$$GEOMETRYEND\n");
+    r = run_laytran({"-f", "mm.cli", "-o", "mm.ssl"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(read_file(dir.file("mm.ssl")),
+              "SLICE V0\nSLICES ()\nZ   0.005 .005\n  1.   1.\n  2.   1.\n  2.   2.\nC\n"
+              "Z   0.01 .005\n  1.   1.\n  2.   1.\n  2.   2.\nO\nEND\n");
+
+    // Other spacing: one warning for the whole run.
+    write_file(dir.file("thick.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
+               "$$LAYER/1\n$$POLYLINE/1,1,2,0,0,1,1\n$$LAYER/2\n$$POLYLINE/1,1,2,0,0,1,1\n"
+               "$$LAYER/3\n$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n");
+    r = run_laytran({"-f", "thick.cli", "-o", "thick.ssl"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): layer thickness must be 0.005\n");
+}
+
+TEST(TranslateFormats, EveryPairingCarriesTheModel) {
+    TempDir dir;
+    // Three 0.05 inch layers of part contours; closed squares and an open path.
+    // Levels and coordinates are whole numbers so that the short form keeps them.
+    write_file(dir.file("model.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$UNITS/0.01\n$$HEADEREND\n$$GEOMETRYSTART\n"
+               "$$LAYER/127\n$$POLYLINE/1,1,5,2540,2540,7620,2540,7620,5080,2540,5080,2540,2540\n"
+               "$$LAYER/254\n$$POLYLINE/1,1,5,2540,2540,7620,2540,7620,5080,2540,5080,2540,2540\n"
+               "$$POLYLINE/2,1,3,3810,3810,5080,3810,6350,4445\n"
+               "$$LAYER/381\n$$POLYLINE/1,1,4,0,0,12700,0,12700,2540,0,0\n$$GEOMETRYEND\n");
+    const std::vector<std::pair<std::string, std::string>> inputs = {
+        {"cli", "C"}, {"slc", "S"}, {"ssl", "F"}};
+    const std::vector<std::string> outputs = {"A", "b", "a", "s", "as", "S", "F"};
+    // Inputs of each format, made from the model.
+    for (const auto &in : inputs) {
+        RunResult r = run_laytran({"-f", "model.cli", "-o", "model-in." + in.first, "-O",
+                                   in.second == "C" ? "A" : in.second},
+                                  dir.path());
+        ASSERT_EQ(r.status, 0) << r.err;
+    }
+    RunResult r = run_laytran({"-f", "model.cli", "-O", "A"}, dir.path());
+    Geometry reference = parse_ascii_cli(r.out);
+    ASSERT_EQ(reference.layers.size(), 3u);
+    int pairings = 0;
+    for (const auto &in : inputs) {
+        for (const std::string &out : outputs) {
+            std::string ext = out == "S" ? "slc" : out == "F" ? "ssl" : "cli";
+            std::string name = "pair-" + in.first + "-" + out + "." + ext;
+            r = run_laytran({"-f", "model-in." + in.first, "-o", name, "-O", out}, dir.path());
+            ASSERT_EQ(r.status, 0) << name << ": " << r.err;
+            r = run_laytran({"-f", name, "-O", "A"}, dir.path());
+            ASSERT_EQ(r.status, 0) << name << ": " << r.err;
+            // The short form cuts fractions off: a value a hair below a whole
+            // number loses one unit.
+            double tolerance = out.find('s') != std::string::npos ? 1.0 : 0.02;
+            expect_same_geometry(parse_ascii_cli(r.out), reference, tolerance, name);
+            pairings++;
+        }
+    }
+    EXPECT_EQ(pairings, 21);
+}

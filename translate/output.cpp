@@ -1,0 +1,290 @@
+// The heart of a run: load, convert units, place, reverse and write.
+#include <cfloat>
+#include <cmath>
+#include <cstdio>
+
+#include "formats/cli/cli.h"
+#include "formats/fdm/fdm.h"
+#include "formats/slc/slc.h"
+#include "job/job.h"
+#include "job/job_settings.h"
+#include "support/mm.h"
+#include "translate/translate.h"
+
+namespace {
+
+constexpr double CLI_OUTPUT_UNIT = 0.01;
+constexpr double CLI_FRAME = 60000.0;
+constexpr double INCH = 25.4;
+constexpr double FDM_LAYER_THICKNESS = 0.005;
+
+const char *const NO_MEMORY = "no more memory";
+
+bool output_stream_has_error() {
+    if (job_out_is_cli(job)) return job.cli_out && cli_stream_error_text(job.cli_out);
+    if (job.flags[1] & JOB_OUT_SLC) return job.slc_out && slc_stream_error_text(job.slc_out);
+    return job.fdm_out && fdm_stream_error_text(job.fdm_out);
+}
+
+void place_model(SliceStack *stack, SliceBounds *b) {
+    const char *name = job.program_name;
+    fprintf(stderr, "%s(WARNING): model is not entirely in the positive quadrant\n", name);
+    if (!(job.flags[1] & JOB_POSITIVE)) {
+        fprintf(stderr, "%s(info): the minimum xyz-coordinates are %g, %g, and %g\n", name, b->xmin,
+                b->ymin, b->zmin);
+        fprintf(stderr, "%s(info): the option -P can be used to move the model\n", name);
+        return;
+    }
+    double dx = b->xmin < 0.0 ? -b->xmin : 0.0;
+    double dy = b->ymin < 0.0 ? -b->ymin : 0.0;
+    double dz = b->zmin < 0.0 ? -b->zmin : 0.0;
+    stack_translate(stack, dx, dy, dz);
+    fprintf(stderr, "%s(info): moving the model by XYZ=+%g,+%g,+%g\n", name, dx, dy, dz);
+    b->xmin += dx;
+    b->xmax += dx;
+    b->ymin += dy;
+    b->ymax += dy;
+    b->zmin += dz;
+    b->zmax += dz;
+    if (b->zmin <= UNIT_TOLERANCE) {
+        fprintf(stderr, "%s(info): min. z-coordinate places the part close to,", name);
+        fputs(" or on the platform\n", stderr);
+    }
+}
+
+} // namespace
+
+void cli_frame(SliceBounds *b) {
+    b->xmin = b->ymin = b->zmin = 0.0;
+    b->xmax = b->ymax = b->zmax = CLI_FRAME;
+}
+
+int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) {
+    gap_total += static_cast<int32_t>(c->gaps);
+    if (c->kind == CONTOUR_PART)
+        e->kind = CLI_POLYLINE;
+    else if (c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
+        e->kind = CLI_HATCHES;
+    e->dir = c->direction;
+    e->id = c->id;
+    if (!cli_reserve_points(e, c->held)) return 0;
+    e->count = 0;
+    for (uint32_t i = 0; i < c->held; i++) {
+        const SlicePoint &p = c->points[i];
+        if (c->gaps != 0 && point_is_gap_mark(p)) {
+            if (!cli_write_element(cli_out, e)) return 0;
+            e->count = 0;
+            continue;
+        }
+        e->points[e->count].x = p.x;
+        e->points[e->count].y = p.y;
+        e->count++;
+    }
+    return e->count > 1 ? cli_write_element(cli_out, e) : 1;
+}
+
+int write_cli(const SliceStack *stack, CliHeader *header, const char **cause) {
+    if (header->units != 0.0f &&
+        std::fabs(static_cast<double>(header->units) - CLI_OUTPUT_UNIT) > UNIT_TOLERANCE) {
+        fprintf(stderr, "%s(WARNING): units different from 0.01(MM)", job.program_name);
+        fputs(" may cause the conversion\n", stderr);
+        fprintf(stderr, "%s(WARNING):   to SLI to fail.\n", job.program_name);
+    }
+    header->layers = stack->count;
+    cli_set_option(job.cli_out, CLI_OPT_HEADER, header);
+    CliElement element = {};
+    int result = 1;
+    for (uint32_t i = 0; i < stack->count && result; i++) {
+        SliceLayer &layer = stack->layers[i];
+        cli_set_option(job.cli_out, CLI_OPT_LAYER, &layer.z);
+        for (uint32_t j = 0; j < layer_contours(layer) && result; j++) {
+            result = write_cli_contour(job.cli_out, &layer.contours[j], &element);
+        }
+    }
+    cli_free_points(&element);
+    if (!result) *cause = NO_MEMORY;
+    return result;
+}
+
+int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
+    if (stack->count < 2) {
+        *cause = "the SLC format needs at least two layers";
+        return 0;
+    }
+    // Inch coordinates get a header that says so.
+    if (out_unit == INCH) {
+        SlcHeader header = {};
+        header.unit = SLC_KW_INCH;
+        slc_set_option(job.slc_out, SLC_OPT_HEADER, &header);
+    }
+    size_t size = (stack->count + 1) * sizeof(float);
+    float *levels = static_cast<float *>(mm_malloc(size));
+    if (!levels) {
+        *cause = NO_MEMORY;
+        return 0;
+    }
+    for (uint32_t i = 0; i < stack->count; i++)
+        levels[i] = stack->layers[i].z;
+    levels[stack->count] = FLT_MAX;
+    int ok = slc_set_sampling_levels(job.slc_out, levels, nullptr);
+    mm_free(levels, size, 0);
+    if (!ok) {
+        *cause = "the SLC format needs at least two layers";
+        return 0;
+    }
+    for (uint32_t i = 0; i < stack->count; i++) {
+        const SliceLayer &layer = stack->layers[i];
+        SlcLayerInfo info = {layer.z, layer.thickness, layer_contours(layer)};
+        if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info)) {
+            *cause = NO_MEMORY;
+            return 0;
+        }
+        for (uint32_t j = 0; j < layer_contours(layer); j++) {
+            const SliceContour &c = layer.contours[j];
+            gap_total += static_cast<int32_t>(c.gaps);
+            if (!slc_write_entity(job.slc_out, &c)) {
+                *cause =
+                    c.kind == CONTOUR_PART ? NO_MEMORY : "the SLC format holds part contours only";
+                return 0;
+            }
+        }
+    }
+    return 1;
+}
+
+int write_fdm_contour(FdmStream *fdm_out, const SliceContour *c, FdmContour *f) {
+    gap_total += static_cast<int32_t>(c->gaps);
+    f->kind = FDM_CONTOUR;
+    if (c->gaps != 0)
+        f->closure = FDM_OPEN;
+    else if (c->kind == CONTOUR_PART)
+        f->closure = FDM_CLOSED;
+    else if (c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
+        f->closure = FDM_OPEN;
+    // A contour without points has nothing the format could say.
+    if (c->held == 0) return 1;
+    if (!fdm_reserve_points(f, c->held)) return 0;
+    f->count = 0;
+    for (uint32_t i = 0; i < c->held; i++) {
+        const SlicePoint &p = c->points[i];
+        if (point_is_gap_mark(p)) {
+            if (f->count >= 1 && !fdm_write_contour(fdm_out, f)) return 0;
+            f->count = 0;
+            continue;
+        }
+        f->points[f->count].x = p.x;
+        f->points[f->count].y = p.y;
+        f->count++;
+    }
+    return f->count > 1 ? fdm_write_contour(fdm_out, f) : 1;
+}
+
+int write_fdm(const SliceStack *stack, const char **cause) {
+    double prev_z = 0.0;
+    bool warned = false;
+    FdmContour f = {};
+    int result = 1;
+    for (uint32_t i = 0; i < stack->count && result; i++) {
+        const SliceLayer &layer = stack->layers[i];
+        float thickness = layer.thickness;
+        if (i > 0) {
+            if (thickness == 0.0f) thickness = static_cast<float>(layer.z - prev_z);
+            if (std::fabs(thickness - FDM_LAYER_THICKNESS) > UNIT_TOLERANCE) {
+                if (!warned) {
+                    fprintf(stderr, "%s(WARNING): layer thickness must be %g\n", job.program_name,
+                            FDM_LAYER_THICKNESS);
+                    warned = true;
+                }
+            } else {
+                thickness = 0.0f;
+            }
+        }
+        prev_z = layer.z;
+        double values[2] = {layer.z, thickness};
+        fdm_set_option(job.fdm_out, FDM_OPT_LAYER, values);
+        for (uint32_t j = 0; j < layer_contours(layer) && result; j++) {
+            result = write_fdm_contour(job.fdm_out, &layer.contours[j], &f);
+        }
+    }
+    fdm_free_points(&f);
+    if (!result) *cause = NO_MEMORY;
+    return result;
+}
+
+int translate_job() {
+    bool in_cli = job.flags[0] & JOB_IN_CLI;
+    bool out_cli = job_out_is_cli(job);
+    CliHeader *header = nullptr;
+    if (in_cli || out_cli) {
+        header = static_cast<CliHeader *>(mm_malloc(sizeof(CliHeader)));
+        if (!header) return 0;
+    }
+    SliceStack stack = {};
+    double u_in = 1.0;
+    int loaded;
+    if (in_cli) {
+        loaded = load_cli(job.cli_in, &stack, header);
+        u_in = header->units != 0.0f ? header->units : 1.0;
+        if (loaded && !cli_stream_error_text(job.cli_in) && !cli_read_ended_cleanly(job.cli_in)) {
+            fprintf(stderr,
+                    "%s(WARNING): input ends early: data after layer %u could not be read\n",
+                    job.program_name, stack.count);
+        }
+    } else if (job.flags[0] & JOB_IN_SLC) {
+        loaded = load_slc(job.slc_in, &stack, &u_in);
+    } else {
+        loaded = load_fdm(&stack, &u_in);
+    }
+
+    const char *cause = nullptr;
+    if (loaded) {
+        double u_out;
+        if (job.flags[1] & JOB_UNITS_SET) {
+            u_out = job.units;
+            if (header) header->units = static_cast<float>(u_out);
+        } else if (out_cli) {
+            u_out = CLI_OUTPUT_UNIT;
+            header->units = static_cast<float>(CLI_OUTPUT_UNIT);
+        } else if (job.flags[1] & JOB_OUT_SLC) {
+            u_out = u_in == INCH ? INCH : 1.0;
+        } else {
+            u_out = INCH;
+        }
+
+        SliceBounds bounds;
+        stack_scale(&stack, u_in / u_out, &bounds);
+        if (bounds_negative(bounds)) place_model(&stack, &bounds);
+        if (job.reverse != 0) stack_reverse(&stack);
+
+        int written;
+        if (out_cli) {
+            cli_frame(&bounds);
+            header->xmin = bounds.xmin;
+            header->xmax = bounds.xmax;
+            header->ymin = bounds.ymin;
+            header->ymax = bounds.ymax;
+            header->zmin = bounds.zmin;
+            header->zmax = bounds.zmax;
+            written = write_cli(&stack, header, &cause);
+        } else if (job.flags[1] & JOB_OUT_SLC) {
+            written = write_slc(&stack, u_out, &cause);
+        } else {
+            written = write_fdm(&stack, &cause);
+        }
+        if (written || output_stream_has_error()) cause = nullptr;
+    }
+
+    mm_free(header, sizeof(CliHeader), 0);
+    stack_free(&stack);
+    // End the output file now, so that a failure of its last write is
+    // reported like any other.
+    if (job.cli_out) cli_finish(job.cli_out);
+    if (job.slc_out) slc_finish(job.slc_out);
+    if (job.fdm_out) fdm_finish(job.fdm_out);
+    int result = streams_check();
+    if (cause) {
+        fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, cause);
+        result = 0;
+    }
+    return result;
+}
