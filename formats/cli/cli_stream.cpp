@@ -4,9 +4,9 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "formats/cli/cli_internal.h"
+#include "support/file_size.h"
 #include "support/mm.h"
 
 namespace {
@@ -63,22 +63,6 @@ const Keyword *keyword_of_code(uint32_t code) {
         if (keywords[i].code == code) return &keywords[i];
     }
     return nullptr;
-}
-
-// The size of a regular input file and the bytes from its current position
-// on; 0 when the input is standard input, not a regular file, or cannot be
-// measured.
-int measure_input(FILE *file, uint64_t *size, uint64_t *left) {
-    if (file == stdin) return 0;
-    int fd = fileno(file);
-    if (fd <= 0) return 0;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode) || st.st_size < 0) return 0;
-    long offset = ftell(file);
-    if (offset < 0 || static_cast<uint64_t>(offset) > static_cast<uint64_t>(st.st_size)) return 0;
-    *size = static_cast<uint64_t>(st.st_size);
-    *left = *size - static_cast<uint64_t>(offset);
-    return 1;
 }
 
 // Reads as much as the buffer takes; the number of bytes read, 0 at the end
@@ -321,7 +305,7 @@ int cli_alloc_buffer(CliStream *s) {
     if (s->buffer) return 1;
     uint32_t size = s->buffer_size ? s->buffer_size : CLI_BUFFER_DEFAULT;
     uint64_t file_size = 0;
-    if (s->mode == CLI_MODE_READ && measure_input(s->file, &file_size, &s->file_left)) {
+    if (s->mode == CLI_MODE_READ && file_measure(s->file, &file_size, &s->file_left)) {
         s->measured = 1;
         if (file_size > 0 && file_size < size) size = static_cast<uint32_t>(file_size);
     }

@@ -3,9 +3,9 @@
 #include <cerrno>
 #include <cfloat>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "formats/fdm/fdm_internal.h"
+#include "support/file_size.h"
 #include "support/mm.h"
 
 namespace {
@@ -41,13 +41,10 @@ int setup_buffer(FdmStream *s) {
     if (!s->file) return fdm_record(s, FDM_E_CONTEXT);
     if (s->buffer) return 1;
     uint32_t size = s->buffer_size ? s->buffer_size : static_cast<uint32_t>(FDM_BUFFER_SIZE);
-    if (s->mode == FDM_MODE_READ && s->file != stdin) {
-        int fd = fileno(s->file);
-        struct stat st;
-        if (fd >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0 &&
-            st.st_size < static_cast<off_t>(size)) {
-            size = static_cast<uint32_t>(st.st_size);
-        }
+    uint64_t file_size = 0, left = 0;
+    if (s->mode == FDM_MODE_READ && file_measure(s->file, &file_size, &left) && file_size > 0 &&
+        file_size < size) {
+        size = static_cast<uint32_t>(file_size);
     }
     uint8_t *buffer = static_cast<uint8_t *>(mm_malloc(size));
     if (!buffer) {

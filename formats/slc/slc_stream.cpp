@@ -4,9 +4,9 @@
 #include <cfloat>
 #include <cmath>
 #include <cstring>
-#include <sys/stat.h>
 
 #include "formats/slc/slc_internal.h"
+#include "support/file_size.h"
 #include "support/mm.h"
 
 namespace {
@@ -36,20 +36,6 @@ const char *const keywords[] = {
 };
 
 constexpr uint32_t keyword_count = sizeof keywords / sizeof keywords[0];
-
-// The size of a regular input file from its current position on; 0 when the
-// input is standard input, not a regular file, or cannot be measured.
-int measure_input(FILE *file, uint64_t *left) {
-    if (file == stdin) return 0;
-    int fd = fileno(file);
-    if (fd < 0 || fd == 0) return 0;
-    struct stat st;
-    if (fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return 0;
-    long offset = ftell(file);
-    if (offset < 0 || static_cast<uint64_t>(offset) > static_cast<uint64_t>(st.st_size)) return 0;
-    *left = static_cast<uint64_t>(st.st_size) - static_cast<uint64_t>(offset);
-    return 1;
-}
 
 // Reads as much as the buffer takes; the number of bytes read, 0 at the end
 // of input or after a read error (recorded, io_failed set).
@@ -223,7 +209,8 @@ int slc_alloc_buffer(SlcStream *s) {
     if (!s->file) return slc_fail(s, SLC_E_CONTEXT);
     if (s->buffer) return 1;
     uint32_t size = s->buffer_size ? s->buffer_size : SLC_BUFFER_DEFAULT;
-    if (s->mode == SLC_MODE_READ && measure_input(s->file, &s->file_left)) {
+    uint64_t file_size = 0;
+    if (s->mode == SLC_MODE_READ && file_measure(s->file, &file_size, &s->file_left)) {
         s->measured = 1;
         if (s->file_left > 0 && s->file_left < size) size = static_cast<uint32_t>(s->file_left);
     }
