@@ -35,6 +35,10 @@ int job_resolve_files(JobSettings *settings);
 // success *handle is the open file and *path the opened name (owned).
 int job_open_file(JobSettings *settings, const char *name, const char *mode,
                   const char *default_ext, FILE **handle, char **path);
+// Replaces the owned path text *path with a copy of text; 0 after the
+// memory message. job_free_path releases it and leaves null.
+int job_set_path(char **path, const char *text);
+void job_free_path(char **path);
 // The extension of name starting at its dot, or null. Only '/' separates
 // directories.
 const char *file_extension(const char *name);

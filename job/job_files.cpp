@@ -9,25 +9,6 @@ namespace {
 
 const size_t NAME_BUFFER_SIZE = JOB_PATH_MAX + 1;
 
-void free_path(char **path) {
-    if (*path) mm_free(*path, strlen(*path) + 1, 0);
-    *path = nullptr;
-}
-
-// Gives an owned copy of a standard stream's name, or 0 after the message.
-int standard_stream_path(const char *name, char **path) {
-    size_t size = strlen(name) + 1;
-    char *copy = static_cast<char *>(mm_malloc(size));
-    if (!copy) {
-        fprintf(stderr, "%s: unable to allocate additional memory.\n", JOB_PROGRAM_NAME);
-        return 0;
-    }
-    memcpy(copy, name, size);
-    free_path(path);
-    *path = copy;
-    return 1;
-}
-
 bool is_extension(const char *extension, const char *wanted) {
     return extension && strcmp(extension, wanted) == 0;
 }
@@ -38,6 +19,24 @@ bool file_present(const char *name) {
 }
 
 } // namespace
+
+void job_free_path(char **path) {
+    if (*path) mm_free(*path, strlen(*path) + 1, 0);
+    *path = nullptr;
+}
+
+int job_set_path(char **path, const char *text) {
+    size_t size = strlen(text) + 1;
+    char *copy = static_cast<char *>(mm_malloc(size));
+    if (!copy) {
+        fprintf(stderr, "%s: unable to allocate additional memory.\n", JOB_PROGRAM_NAME);
+        return 0;
+    }
+    memcpy(copy, text, size);
+    job_free_path(path);
+    *path = copy;
+    return 1;
+}
 
 const char *file_extension(const char *name) {
     if (!name || !*name || strcmp(name, ".") == 0) return nullptr;
@@ -161,11 +160,11 @@ int job_resolve_files(JobSettings *settings) {
         FILE *file = nullptr;
         char *path = nullptr;
         if (!job_open_file(settings, settings->in_path, "rb", in_ext, &file, &path)) return 0;
-        free_path(&settings->in_path);
+        job_free_path(&settings->in_path);
         settings->in_path = path;
         settings->in = file;
     } else {
-        if (!standard_stream_path("<stdin>", &settings->in_path)) return 0;
+        if (!job_set_path(&settings->in_path, "<stdin>")) return 0;
         settings->in = stdin;
     }
 
@@ -173,11 +172,11 @@ int job_resolve_files(JobSettings *settings) {
         FILE *file = nullptr;
         char *path = nullptr;
         if (!job_open_file(settings, settings->out_path, "wb", out_ext, &file, &path)) return 0;
-        free_path(&settings->out_path);
+        job_free_path(&settings->out_path);
         settings->out_path = path;
         settings->out = file;
     } else {
-        if (!standard_stream_path("<stdout>", &settings->out_path)) return 0;
+        if (!job_set_path(&settings->out_path, "<stdout>")) return 0;
         settings->out = stdout;
     }
 

@@ -103,20 +103,6 @@ int option_window(JobSettings *settings, const char *argument) {
     return 1;
 }
 
-// Replaces an owned path with a copy of text.
-int set_path(char **path, const char *text) {
-    size_t size = strlen(text) + 1;
-    char *copy = static_cast<char *>(mm_malloc(size));
-    if (!copy) {
-        fprintf(stderr, "%s: unable to allocate additional memory.\n", JOB_PROGRAM_NAME);
-        return 0;
-    }
-    memcpy(copy, text, size);
-    if (*path) mm_free(*path, strlen(*path) + 1, 0);
-    *path = copy;
-    return 1;
-}
-
 inline void clear_bits(uint8_t *byte, unsigned bits) {
     *byte = static_cast<uint8_t>(*byte & ~bits);
 }
@@ -257,11 +243,11 @@ int job_parse_options(int argc, char **argv, JobSettings *settings) {
         const char *argument = opt_arg;
         switch (letter) {
         case 'f':
-            if (!set_path(&settings->in_path, argument)) return 0;
+            if (!job_set_path(&settings->in_path, argument)) return 0;
             settings->flags[0] |= JOB_IN_FILE;
             break;
         case 'o':
-            if (!set_path(&settings->out_path, argument)) return 0;
+            if (!job_set_path(&settings->out_path, argument)) return 0;
             settings->flags[0] |= JOB_OUT_FILE;
             break;
         case 'F':
