@@ -20,12 +20,6 @@ constexpr double FDM_LAYER_THICKNESS = 0.005;
 
 const char *const NO_MEMORY = "no more memory";
 
-bool output_stream_has_error() {
-    if (job_out_is_cli(job)) return job.cli_out && cli_stream_error_text(job.cli_out);
-    if (job.flags[1] & JOB_OUT_SLC) return job.slc_out && slc_stream_error_text(job.slc_out);
-    return job.fdm_out && fdm_stream_error_text(job.fdm_out);
-}
-
 void place_model(SliceStack *stack, SliceBounds *b) {
     const char *name = job.program_name;
     fprintf(stderr, "%s(WARNING): model is not entirely in the positive quadrant\n", name);
@@ -97,7 +91,7 @@ int write_cli(const SliceStack *stack, CliHeader *header, const char **cause) {
     for (uint32_t i = 0; i < stack->count && result; i++) {
         SliceLayer &layer = stack->layers[i];
         cli_set_option(job.cli_out, CLI_OPT_LAYER, &layer.z);
-        for (uint32_t j = 0; j < layer_contours(layer) && result; j++) {
+        for (uint32_t j = 0; j < layer_contours_in_use(layer) && result; j++) {
             result = write_cli_contour(job.cli_out, &layer.contours[j], &element);
         }
     }
@@ -134,12 +128,12 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
     }
     for (uint32_t i = 0; i < stack->count; i++) {
         const SliceLayer &layer = stack->layers[i];
-        SlcLayerInfo info = {layer.z, layer.thickness, layer_contours(layer)};
+        SlcLayerInfo info = {layer.z, layer.thickness, layer_contours_in_use(layer)};
         if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info)) {
             *cause = NO_MEMORY;
             return 0;
         }
-        for (uint32_t j = 0; j < layer_contours(layer); j++) {
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
             const SliceContour &c = layer.contours[j];
             gap_total += static_cast<int32_t>(c.gaps);
             if (!slc_write_entity(job.slc_out, &c)) {
@@ -202,7 +196,7 @@ int write_fdm(const SliceStack *stack, const char **cause) {
         prev_z = layer.z;
         double values[2] = {layer.z, thickness};
         fdm_set_option(job.fdm_out, FDM_OPT_LAYER, values);
-        for (uint32_t j = 0; j < layer_contours(layer) && result; j++) {
+        for (uint32_t j = 0; j < layer_contours_in_use(layer) && result; j++) {
             result = write_fdm_contour(job.fdm_out, &layer.contours[j], &f);
         }
     }
@@ -271,7 +265,7 @@ int translate_job() {
         } else {
             written = write_fdm(&stack, &cause);
         }
-        if (written || output_stream_has_error()) cause = nullptr;
+        if (written || streams_output_error_text()) cause = nullptr;
     }
 
     mm_free(header, sizeof(CliHeader), 0);

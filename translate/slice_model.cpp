@@ -42,19 +42,6 @@ void contour_free_points(SliceContour *contour) {
     contour->capacity = 0;
 }
 
-namespace {
-
-// A contour's points as consumers see them: never more than are stored.
-uint32_t contour_points_in_use(const SliceContour &c) {
-    return c.count < c.held ? c.count : c.held;
-}
-
-uint32_t layer_contours_in_use(const SliceLayer &l) {
-    return l.contour_count < l.held ? l.contour_count : l.held;
-}
-
-} // namespace
-
 void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds) {
     SliceBounds b = {DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX};
     for (uint32_t i = 0; i < stack->count; i++) {

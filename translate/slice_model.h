@@ -56,6 +56,14 @@ inline bool point_is_gap_mark(const SlicePoint &p) {
     return p.x == GAP_MARK && p.y == GAP_MARK;
 }
 
+// Points and contours as consumers see them: never more than are stored.
+inline uint32_t contour_points_in_use(const SliceContour &c) {
+    return c.count < c.held ? c.count : c.held;
+}
+inline uint32_t layer_contours_in_use(const SliceLayer &l) {
+    return l.contour_count < l.held ? l.contour_count : l.held;
+}
+
 SliceLayer *stack_add_layer(SliceStack *stack);
 SliceContour *layer_add_contour(SliceLayer *layer);
 int contour_reserve_points(SliceContour *contour, uint32_t n);

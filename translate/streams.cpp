@@ -1,13 +1,12 @@
 // Creation, error report and tear-down of the run's two format streams.
 #include <cstdint>
 #include <cstdio>
-#include <cstring>
 
 #include "formats/cli/cli.h"
 #include "formats/fdm/fdm.h"
 #include "formats/slc/slc.h"
+#include "job/job.h"
 #include "job/job_settings.h"
-#include "support/mm.h"
 #include "translate/translate.h"
 
 namespace {
@@ -27,19 +26,14 @@ const char *input_error_text() {
     return job.fdm_in ? fdm_stream_error_text(job.fdm_in) : nullptr;
 }
 
-const char *output_error_text() {
+} // namespace
+
+const char *streams_output_error_text() {
     if (job_out_is_cli(job)) return job.cli_out ? cli_stream_error_text(job.cli_out) : nullptr;
     if (job.flags[1] & JOB_OUT_SLC)
         return job.slc_out ? slc_stream_error_text(job.slc_out) : nullptr;
     return job.fdm_out ? fdm_stream_error_text(job.fdm_out) : nullptr;
 }
-
-void release_path(char *&path) {
-    if (path) mm_free(path, strlen(path) + 1, 0);
-    path = nullptr;
-}
-
-} // namespace
 
 int streams_open() {
     uint32_t read_mode = 1, write_mode = 2;
@@ -99,7 +93,7 @@ int streams_check() {
         fprintf(stderr, "%s: error reading input file (%s)\n", job.program_name, text);
         result = 0;
     }
-    if (const char *text = output_error_text()) {
+    if (const char *text = streams_output_error_text()) {
         fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, text);
         return 0;
     }
@@ -107,8 +101,8 @@ int streams_check() {
 }
 
 void streams_close() {
-    release_path(job.in_path);
-    release_path(job.out_path);
+    job_free_path(&job.in_path);
+    job_free_path(&job.out_path);
     // Destroying an output stream writes the end of its file and flushes.
     cli_destroy(job.cli_in);
     cli_destroy(job.cli_out);

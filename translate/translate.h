@@ -16,6 +16,8 @@ struct FdmContour;
 int streams_open();
 // 1 when neither stream has recorded an error; 0 after the messages.
 int streams_check();
+// The error text of the output stream, or null when it has recorded none.
+const char *streams_output_error_text();
 // Destroys the streams (finishing the output file) and closes both files.
 void streams_close();
 
@@ -43,8 +45,3 @@ int write_fdm_contour(FdmStream *fdm_out, const SliceContour *c, FdmContour *f);
 // Tolerance of the units, thickness and platform tests: the spacing of
 // 32-bit floats at 1.0.
 constexpr double UNIT_TOLERANCE = 1.1920928955078125e-07;
-
-// Contours and points as consumers see them: never more than are stored.
-inline uint32_t layer_contours(const SliceLayer &l) {
-    return l.contour_count < l.held ? l.contour_count : l.held;
-}
