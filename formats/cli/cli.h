@@ -133,6 +133,24 @@ enum : uint32_t {
     CLI_E_MEMORY = 11,
     CLI_E_CONTEXT = 12,
     CLI_E_ARGUMENT = 13,
+    CLI_E_NOT_CLI = 14,  // nothing in the first 64 KiB starts a CLI file
+    CLI_E_INFINITE = 15, // a real that is infinite or beyond the float range
+    CLI_E_FIELD = 16,    // a value that does not fit its 16-bit binary field
+};
+
+// What a value that does not fit its binary field is (cli_check_fields).
+enum : uint32_t {
+    CLI_FIELD_LAYER = 1, // the layer height
+    CLI_FIELD_ID = 2,
+    CLI_FIELD_DIR = 3,
+    CLI_FIELD_COUNT = 4, // points of a polyline, hatches of a block
+    CLI_FIELD_X = 5,
+    CLI_FIELD_Y = 6,
+};
+
+struct CliFieldFault {
+    uint32_t field; // CLI_FIELD_*
+    double value;   // as it would be written (after unit scaling)
 };
 
 struct CliStream;
@@ -171,6 +189,13 @@ int cli_read_ended_cleanly(const CliStream *s);
 // first element. An element whose count exceeds its capacity, or of a kind
 // other than CLI_POLYLINE and CLI_HATCHES, records CLI_E_ARGUMENT.
 int cli_write_element(CliStream *s, CliElement *e);
+
+// Whether everything cli_write_element would write for e (null: only the
+// layer height z) fits its field in the stream's output form: 1, or 0 with
+// the first value that does not fit in *fault. A binary short-form field
+// holds 0 to 65535 after the fraction is cut off; the writer refuses such a
+// value itself (CLI_E_FIELD), this lets a caller say which one it is.
+int cli_check_fields(const CliStream *s, const CliElement *e, float z, CliFieldFault *fault);
 
 // Grows e's point array to exactly n points when it holds fewer; 0 when
 // memory is exhausted (the array is then unchanged).
