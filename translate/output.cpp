@@ -264,11 +264,7 @@ int translate_job() {
     if (in_cli) {
         loaded = load_cli(job.cli_in, &stack, header);
         u_in = header->units != 0.0f ? header->units : 1.0;
-        if (loaded && !cli_stream_error_text(job.cli_in) && !cli_read_ended_cleanly(job.cli_in)) {
-            fprintf(stderr,
-                    "%s(WARNING): input ends early: data after layer %u could not be read\n",
-                    job.program_name, stack.count);
-        }
+        if (loaded) report_cli_input(job.cli_in, stack.count);
     } else if (job.flags[0] & JOB_IN_SLC) {
         loaded = load_slc(job.slc_in, &stack, &u_in);
     } else {
@@ -320,6 +316,7 @@ int translate_job() {
     if (job.cli_out) cli_finish(job.cli_out);
     if (job.slc_out) slc_finish(job.slc_out);
     if (job.fdm_out) fdm_finish(job.fdm_out);
+    if (in_cli) report_cli_skipped(job.cli_in);
     int result = streams_check();
     if (cause) {
         fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, cause);

@@ -69,6 +69,9 @@ enum {
     CLI_OPT_CALLBACK = 11,         // CliCallback*: the header callback (read)
     CLI_OPT_CALLBACK_CONTEXT = 12, // void*: the callback's first argument (read)
     CLI_OPT_MM = 13,               // get only, uint32_t: 1 when coordinates come out in mm
+    CLI_OPT_LAYERS_READ = 14,      // get only, uint32_t: layer commands read so far
+    CLI_OPT_END_SEEN = 15,         // get only, uint32_t: 1 when $$GEOMETRYEND was read
+    CLI_OPT_SIGNED_SHORT = 16,     // get only, uint32_t: 1 when 16-bit values were read signed
 };
 
 enum : uint32_t {
@@ -184,6 +187,13 @@ int cli_read_element(CliStream *s, CliElement *e);
 // geometry or from a recorded error, 0 when reading stopped on an ASCII
 // number that did not convert or a point array that could not grow.
 int cli_read_ended_cleanly(const CliStream *s);
+
+// Unknown commands of the form $$WORD/numbers passed over in ASCII
+// geometry: the number of distinct keywords, and the name (without "$$")
+// and count of each in the order first seen. Past the first 64 keywords
+// the rest are counted together under the name "".
+uint32_t cli_skipped_keywords(const CliStream *s);
+const char *cli_skipped_keyword(const CliStream *s, uint32_t i, uint64_t *count);
 
 // Writes e (null only forces the header out); the header goes out before the
 // first element. An element whose count exceeds its capacity, or of a kind

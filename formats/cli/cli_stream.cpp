@@ -196,6 +196,7 @@ int cli_destroy(CliStream *s) {
     if (!s) return 1;
     cli_finish(s);
     if (s->header_owned) mm_free(s->header, sizeof(CliHeader), 0);
+    mm_free(s->skipped, (CLI_SKIPPED_MAX + 1) * sizeof(CliSkipped), 0);
     mm_free(s->buffer, s->buffer_size, 0);
     memset(s, 0, sizeof *s);
     mm_free(s, sizeof *s, 0);
@@ -291,10 +292,29 @@ int cli_get_option(CliStream *s, int code, void *out) {
         *static_cast<uint32_t *>(out) = mm;
         break;
     }
+    case CLI_OPT_LAYERS_READ:
+        *static_cast<uint32_t *>(out) = s->layers_read;
+        break;
+    case CLI_OPT_END_SEEN:
+        *static_cast<uint32_t *>(out) = s->end_seen;
+        break;
+    case CLI_OPT_SIGNED_SHORT:
+        *static_cast<uint32_t *>(out) = s->signed_read;
+        break;
     default:
         break;
     }
     return 1;
+}
+
+uint32_t cli_skipped_keywords(const CliStream *s) {
+    return s ? s->skipped_count : 0;
+}
+
+const char *cli_skipped_keyword(const CliStream *s, uint32_t i, uint64_t *count) {
+    if (!s || i >= s->skipped_count) return nullptr;
+    if (count) *count = s->skipped[i].count;
+    return s->skipped[i].name;
 }
 
 int cli_reserve_points(CliElement *e, uint32_t n) {
