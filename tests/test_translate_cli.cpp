@@ -194,9 +194,10 @@ TEST(TranslateCli, AnEarlyEndIsWarnedAboutOnce) {
         RunResult r = run_laytran({"-O", "A"}, "", k.input);
         EXPECT_EQ(r.status, 0);
         EXPECT_EQ(r.err, early + k.warning + "\n");
-        if (&k == cases)
+        if (&k == cases) {
             EXPECT_EQ(r.out, ascii_header("0.01", 1) +
                                  "$$LAYER/100.\n$$POLYLINE/1,1,2,0.,0.,100.,100.\n$$GEOMETRYEND");
+        }
     }
 }
 
