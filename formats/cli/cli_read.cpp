@@ -34,10 +34,21 @@ enum : uint32_t {
     CMD_HATCHES_LONG = 132,
 };
 
-int is_significant(int c) {
-    if (c == CLI_EOF) return 1;
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return 1;
-    return c == '$' || c == '/' || c == ',' || c == '.' || c == '+' || c == '-';
+// Significant bytes: letters, digits and "$/,.+-" (and the end of file).
+struct ByteClass {
+    bool significant[256];
+    constexpr ByteClass() : significant() {
+        for (int c = 0; c < 256; c++) {
+            significant[c] = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                             (c >= '0' && c <= '9') || c == '$' || c == '/' || c == ',' ||
+                             c == '.' || c == '+' || c == '-';
+        }
+    }
+};
+constexpr ByteClass byte_class;
+
+inline int is_significant(int c) {
+    return c == CLI_EOF || byte_class.significant[c & 0xFF];
 }
 
 int is_separator(int c) {
@@ -95,20 +106,26 @@ int next_char(CliStream *s) {
 // ("$$BINARY // note"); a longer keyword is cut, the rest staying in the
 // input. A number that does not fit records error 6.
 int read_token(CliStream *s, char *token, uint32_t capacity, bool keyword) {
+    const uint32_t last = capacity - 1;
     uint32_t n = 0;
-    while (!keyword || n < capacity - 1) {
+    for (;;) {
+        if (n == last && keyword) break;
         // In a binary file the geometry starts right behind $$HEADEREND.
         if (n == 9 && !(s->flags & CLI_F_HEADER_READ) && s->format == CLI_FORMAT_BINARY &&
             memcmp(token, "HEADEREND", 9) == 0)
             break;
         int c = next_char(s);
         if (s->error) return 0;
-        if (keyword && c == '\n' && n > 0) break;
-        if (is_separator(c) || (n == capacity - 1 && c == '\n')) {
+        if (is_separator(c)) {
             cli_ungetc(s, c);
             break;
         }
-        if (n == capacity - 1) return cli_fail(s, CLI_E_NUMBER);
+        if (n == last) {
+            if (c != '\n') return cli_fail(s, CLI_E_NUMBER);
+            cli_ungetc(s, c);
+            break;
+        }
+        if (keyword && c == '\n' && n > 0) break;
         token[n++] = static_cast<char>(c);
     }
     token[n] = '\0';
