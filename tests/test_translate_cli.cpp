@@ -379,6 +379,8 @@ TEST(TranslateCli, BrokenNumbersAndOtherInputFailTheRun) {
         {head + "$$LAYER/1\n$$POLYLINE/1,1,2,1,2,1e39,4\n",
          "floating-point value is infinite or out of range"},
         {infinite.bytes, "floating-point value is infinite or out of range"},
+        {"$$HEADERSTART\n$$UNITS/1e39\n$$HEADEREND\n",
+         "floating-point value is infinite or out of range"},
         {head + "$$LAYER/1\n$$POLYLINE/1,1,2,1,2," + digits + ",4\n", "illegal number"},
         {head + "$$LAYER/1\n$$POWER/" + digits + "\n", "illegal number"},
         {head + "$$LAYER/1\n$$POWER/100W\n", "illegal keyword"},

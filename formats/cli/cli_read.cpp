@@ -504,6 +504,7 @@ int read_header_keywords(CliStream *s) {
             double units;
             ok = ascii_double(s, &units);
             if (ok) h->units = to_f32(units);
+            if (ok && std::isinf(h->units)) ok = cli_fail(s, CLI_E_INFINITE);
             break;
         }
         case CLI_KW_USERDATA:
