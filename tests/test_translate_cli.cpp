@@ -86,13 +86,6 @@ TEST(TranslateCli, MillimetresToAsciiScalesByOneHundredIntoTheFixedFrame) {
                   "$$GEOMETRYEND");
 }
 
-TEST(TranslateCli, StandardInputToStandardOutput) {
-    RunResult r = run_laytran({}, "", SMALL_MM);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out.substr(0, ascii_header("0.01", 2).size()), ascii_header("0.01", 2));
-}
-
 TEST(TranslateCli, NegativeModelIsReportedAndMovedOnlyWithP) {
     TempDir dir;
     write_file(dir.file("neg.cli"),
@@ -219,16 +212,6 @@ const std::string PLAIN_LAYER_1 = "$$LAYER/0.5\n$$POLYLINE/1,1,5,1,2,11,2,11,12.
 const std::string PLAIN_LAYER_2 = "$$LAYER/1\n$$POLYLINE/2,0,4,3,4,5,4,5,6,3,4\n";
 const std::string PLAIN = PLAIN_HEAD + PLAIN_LAYER_1 + PLAIN_LAYER_2 + "$$GEOMETRYEND\n";
 
-BinaryCli plain_binary(const std::string &head) {
-    BinaryCli b;
-    b.bytes = head;
-    b.layer(0.5f);
-    b.polyline(1, 1, {1, 2, 11, 2, 11, 12.5f, 1, 12.5f, 1, 2});
-    b.layer(1);
-    b.polyline(2, 0, {3, 4, 5, 4, 5, 6, 3, 4});
-    return b;
-}
-
 // Removes every line of lines from text; false when one is missing.
 bool remove_lines(std::string &text, const std::vector<std::string> &lines) {
     for (const std::string &line : lines) {
@@ -245,7 +228,12 @@ const std::vector<std::string> ALL_OUTPUTS = {"A", "b", "a", "s", "as", "S", "F"
 
 TEST(TranslateCli, FilesFromOtherToolsReadAsTheirPlainForm) {
     const std::string binary_head = "$$HEADERSTART\n$$BINARY\n$$UNITS/1\n$$HEADEREND";
-    const std::string binary = plain_binary(binary_head).bytes;
+    BinaryCli plain_binary;
+    plain_binary.layer(0.5f);
+    plain_binary.polyline(1, 1, {1, 2, 11, 2, 11, 12.5f, 1, 12.5f, 1, 2});
+    plain_binary.layer(1);
+    plain_binary.polyline(2, 0, {3, 4, 5, 4, 5, 6, 3, 4});
+    const std::string &binary = plain_binary.bytes;
     // Short form stored signed, below a $$DIMENSION with the minimum first.
     BinaryCli signed_short;
     signed_short.bytes = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n"
