@@ -1,4 +1,5 @@
 // End-to-end runs of the executable from CLI input to CLI output.
+#include <cmath>
 #include <cstdint>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -85,13 +86,6 @@ TEST(TranslateCli, MillimetresToAsciiScalesByOneHundredIntoTheFixedFrame) {
                   "$$GEOMETRYEND");
 }
 
-TEST(TranslateCli, StandardInputToStandardOutput) {
-    RunResult r = run_laytran({}, "", SMALL_MM);
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "");
-    EXPECT_EQ(r.out.substr(0, ascii_header("0.01", 2).size()), ascii_header("0.01", 2));
-}
-
 TEST(TranslateCli, NegativeModelIsReportedAndMovedOnlyWithP) {
     TempDir dir;
     write_file(dir.file("neg.cli"),
@@ -168,18 +162,36 @@ TEST(TranslateCli, InputAndOutputErrorsAreBothReportedInputFirst) {
                      "laytran: error reading input file (read error)\n");
 }
 
-TEST(TranslateCli, UnconvertibleNumberEndsTheInputWithAWarning) {
-    TempDir dir;
-    write_file(dir.file("bad.cli"),
-               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$DATE/231126\n$$HEADEREND\n"
-               "$$GEOMETRYSTART\n$$LAYER/1\n$$POLYLINE/1,1,2,0,0,1,1\n"
-               "$$LAYER/2\n$$POLYLINE/1,1,2,0,0,abc,1\n$$GEOMETRYEND\n");
-    RunResult r = run_laytran({"-f", "bad.cli", "-o", "out.cli", "-O", "A"}, dir.path());
-    EXPECT_EQ(r.status, 0);
-    EXPECT_EQ(r.err, "laytran(WARNING): input ends early: data after layer 1 could not be read\n");
-    EXPECT_EQ(read_file(dir.file("out.cli")),
-              ascii_header("0.01", 1) + "$$LAYER/100.\n$$POLYLINE/1,1,2,0.,0.,100.,100.\n" +
-                  "$$GEOMETRYEND");
+TEST(TranslateCli, AnEarlyEndIsWarnedAboutOnce) {
+    const std::string head = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$DATE/231126\n$$LAYERS/3\n"
+                             "$$HEADEREND\n$$GEOMETRYSTART\n";
+    const std::string two = "$$LAYER/1\n$$POLYLINE/1,1,2,0,0,1,1\n$$LAYER/2\n$$POLYLINE/1,1,2,0,0,";
+    BinaryCli binary;
+    binary.bytes = "$$HEADERSTART\n$$BINARY\n$$UNITS/1\n$$LAYERS/3\n$$HEADEREND";
+    binary.layer(1);
+    binary.polyline(1, 1, {0, 0, 1, 1});
+    const std::string early = "laytran(WARNING): input ends early: ";
+    const struct {
+        std::string input, warning;
+    } cases[] = {
+        // A number that does not convert ends the input: one warning,
+        // whatever else is missing.
+        {head + two + "abc,1\n", "data after layer 1 could not be read"},
+        {head + two + "1,1\n$$GEOMETRYEND\n", "2 of the 3 layers declared by $$LAYERS were read"},
+        {head + two + "1,1\n", "2 of the 3 layers declared by $$LAYERS were read"},
+        {head + two + "1,1\n$$LAYER/3\n$$POLYLINE/1,1,2,0,0,1,1",
+         "$$GEOMETRYEND is missing after layer 3"},
+        {binary.bytes, "1 of the 3 layers declared by $$LAYERS were read"},
+    };
+    for (const auto &k : cases) {
+        RunResult r = run_laytran({"-O", "A"}, "", k.input);
+        EXPECT_EQ(r.status, 0);
+        EXPECT_EQ(r.err, early + k.warning + "\n");
+        if (&k == cases) {
+            EXPECT_EQ(r.out, ascii_header("0.01", 1) +
+                                 "$$LAYER/100.\n$$POLYLINE/1,1,2,0.,0.,100.,100.\n$$GEOMETRYEND");
+        }
+    }
 }
 
 TEST(TranslateCli, BundledSampleConverts) {
@@ -189,4 +201,204 @@ TEST(TranslateCli, BundledSampleConverts) {
     EXPECT_NE(r.out.find("$$LAYERS/4\n"), std::string::npos);
     EXPECT_NE(r.out.find("$$LAYER/40.\n$$POLYLINE/1,1,5,0.,0.,2000.,0.,2000.,1200.,"),
               std::string::npos);
+}
+
+namespace {
+
+// The model most files from other tools below hold, written plainly.
+const std::string PLAIN_HEAD = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$DATE/231126\n$$LAYERS/2\n"
+                               "$$HEADEREND\n$$GEOMETRYSTART\n";
+const std::string PLAIN_LAYER_1 = "$$LAYER/0.5\n$$POLYLINE/1,1,5,1,2,11,2,11,12.5,1,12.5,1,2\n";
+const std::string PLAIN_LAYER_2 = "$$LAYER/1\n$$POLYLINE/2,0,4,3,4,5,4,5,6,3,4\n";
+const std::string PLAIN = PLAIN_HEAD + PLAIN_LAYER_1 + PLAIN_LAYER_2 + "$$GEOMETRYEND\n";
+
+// Removes every line of lines from text; false when one is missing.
+bool remove_lines(std::string &text, const std::vector<std::string> &lines) {
+    for (const std::string &line : lines) {
+        size_t at = text.find(line + "\n");
+        if (at == std::string::npos) return false;
+        text.erase(at, line.size() + 1);
+    }
+    return true;
+}
+
+const std::vector<std::string> ALL_OUTPUTS = {"A", "b", "a", "s", "as", "S", "F"};
+
+} // namespace
+
+TEST(TranslateCli, FilesFromOtherToolsReadAsTheirPlainForm) {
+    const std::string binary_head = "$$HEADERSTART\n$$BINARY\n$$UNITS/1\n$$HEADEREND";
+    BinaryCli plain_binary;
+    plain_binary.layer(0.5f);
+    plain_binary.polyline(1, 1, {1, 2, 11, 2, 11, 12.5f, 1, 12.5f, 1, 2});
+    plain_binary.layer(1);
+    plain_binary.polyline(2, 0, {3, 4, 5, 4, 5, 6, 3, 4});
+    const std::string &binary = plain_binary.bytes;
+    // Short form stored signed, below a $$DIMENSION with the minimum first.
+    BinaryCli signed_short;
+    signed_short.bytes = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n"
+                         "$$DIMENSION/-800,-300,50,1200,1000,100\n$$HEADEREND";
+    for (int v : {128,  50,  129, 1,   1, 3, -800, -300, 1200, -300, 1200,
+                  1000, 128, 100, 129, 2, 0, 2,    -8,   0,    8,    0})
+        signed_short.u16(static_cast<uint16_t>(v));
+    const std::string power = "$$POWER/100.0\n";
+    struct Case {
+        std::string raw, plain;
+        std::vector<std::string> notes; // lines the raw file adds to the messages
+        std::string geometry;           // in the ASCII output
+    } cases[] = {
+        {"// prog 1.0 CLI export //\r\n\n  \n// second\n" + PLAIN, PLAIN, {}, ""},
+        {"// prog 1.0 CLI export //\n\n" + binary, binary, {}, ""},
+        {PLAIN_HEAD + PLAIN_LAYER_1.substr(0, 12) + power + "$$Speed/200.0,3\n" + power +
+             PLAIN_LAYER_1.substr(12) + "$$FOCUS/0.0 // f\n" + power + PLAIN_LAYER_2 +
+             "$$GEOMETRYEND\n",
+         PLAIN,
+         {"laytran(WARNING): 3 $$POWER commands were skipped (not held by the output)",
+          "laytran(WARNING): 1 $$SPEED command was skipped (not held by the output)",
+          "laytran(WARNING): 1 $$FOCUS command was skipped (not held by the output)"},
+         ""},
+        {"$$HEADERSTART // x\n$$ASCII\n$$UNITS/1\n$$DATE/231126\n$$LAYERS/2\n$$HEADEREND // x\n"
+         "$$GEOMETRYSTART\n" +
+             PLAIN_LAYER_1 + PLAIN_LAYER_2 + "$$GEOMETRYEND // x\n",
+         PLAIN,
+         {},
+         ""},
+        {"$$HEADERSTART\n$$BINARY // note\n$$UNITS/1\n$$HEADEREND" +
+             binary.substr(binary_head.size()),
+         binary,
+         {},
+         ""},
+        {signed_short.bytes,
+         "$$HEADERSTART\n$$ASCII\n$$UNITS/0.01\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/50\n"
+         "$$POLYLINE/1,1,3,-800,-300,1200,-300,1200,1000\n$$LAYER/100\n$$POLYLINE/2,0,2,-8,0,8,0\n"
+         "$$GEOMETRYEND\n",
+         {"laytran(info): $$DIMENSION declares a negative minimum: 16-bit coordinates are read as "
+          "signed values"},
+         "$$POLYLINE/1,1,3,-800.,-300.,1200.,-300.,1200.,1000.\n"},
+        {"$$HEADERSTART\r\n$$ASCII\r\n$$UNITS/00001.000\r\n$$DATE/20240702\r\n$$LABEL/1,name\r\n"
+         "$$DIMENSION/-0000069.945000,0000002.000000,0000000.500000,0000011.000000,"
+         "0000012.500000,0000001.000000\r\n$$LAYERS/2\r\n$$HEADEREND\r\n$$GEOMETRYSTART\r\n"
+         "$$LAYER/0000000.500000\r\n$$POLYLINE/00001,01,0005,-0000069.945000,0000002.000000,"
+         "11,2,11,12.5,1,12.5,-0000069.945000,2\r\n$$LAYER/1.\r\n"
+         "$$POLYLINE/2,0,4,3,4,5,4,5,6,3,4\r\n$$GEOMETRYEND\r\n",
+         "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$DATE/20240702\n$$LAYERS/2\n$$HEADEREND\n"
+         "$$GEOMETRYSTART\n$$LAYER/0.5\n$$POLYLINE/"
+         "1,1,5,-69.945,2,11,2,11,12.5,1,12.5,-69.945,2\n" +
+             PLAIN_LAYER_2 + "$$GEOMETRYEND\n",
+         {},
+         "$$DATE/20240702\n"},
+    };
+    for (const Case &k : cases) {
+        for (const std::string &out : ALL_OUTPUTS) {
+            SCOPED_TRACE(k.raw.substr(0, 40) + " to " + out);
+            RunResult plain = run_laytran({"-O", out}, "", k.plain);
+            RunResult raw = run_laytran({"-O", out}, "", k.raw);
+            ASSERT_EQ(plain.status, 0) << plain.err;
+            EXPECT_EQ(raw.status, 0);
+            EXPECT_TRUE(remove_lines(raw.err, k.notes)) << raw.err;
+            EXPECT_EQ(raw.err, plain.err);
+            EXPECT_EQ(raw.out, plain.out);
+            if (out == "A") {
+                const std::string expected =
+                    k.geometry.empty() ? "$$POLYLINE/1,1,5,100.,200.,1100.,200.,1100.,1250."
+                                       : k.geometry;
+                EXPECT_NE(raw.out.find(expected), std::string::npos) << raw.out;
+            }
+        }
+    }
+}
+
+TEST(TranslateCli, ValuesThatDoNotFitTheirFieldFailTheRun) {
+    const std::string head = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n";
+    std::string many = "$$LAYER/1\n$$POLYLINE/1,1,65536";
+    for (int i = 0; i < 65536; i++)
+        many += ",1,1";
+    const std::string error = "laytran: error writing output file (";
+    const std::string fits = " does not fit a 16-bit field (0 to 65535";
+    const struct {
+        std::string geometry, form, last_line;
+    } cases[] = {
+        {"$$LAYER/0.5\n$$POLYLINE/1,1,2,700,0,1,1\n", "s",
+         "polyline 1, layer 50: x coordinate 70000" + fits +
+             ", unit 0.01 mm); try -U with a larger unit or the long form -O b)"},
+        {"$$LAYER/700\n$$POLYLINE/1,1,2,1,0,1,1\n", "as",
+         "layer height 70000" + fits +
+             ", unit 0.01 mm); try -U with a larger unit or the long form -O b)"},
+        {"$$LAYER/0.5\n$$HATCHES/2,1,-9.5,0,1,1\n", "b",
+         "hatches 2, layer 50: x coordinate -950" + fits +
+             ", unit 0.01 mm); try -P to move the model)"},
+        {"$$LAYER/0.5\n$$HATCHES/2,1,1,0,1,700\n", "b",
+         "hatches 2, layer 50: y coordinate 70000" + fits +
+             ", unit 0.01 mm); try -U with a larger unit or ASCII output -O A)"},
+        {"$$LAYER/0.5\n$$POLYLINE/70000,1,2,1,0,1,1\n", "a",
+         "polyline 70000, layer 50: id 70000" + fits +
+             "); try the long form -O b or ASCII output -O A)"},
+        {many, "s",
+         "polyline 1, layer 100: point count 65536" + fits +
+             "); try the long form -O b or ASCII output -O A)"},
+    };
+    for (const auto &k : cases) {
+        RunResult r = run_laytran({"-O", k.form}, "", head + k.geometry);
+        EXPECT_EQ(r.status, 255);
+        EXPECT_NE(r.err.find("\n" + error + k.last_line + "\n"), std::string::npos) << r.err;
+    }
+    // The fraction is cut off: 655.359 mm fits the short form as 65535.
+    RunResult r =
+        run_laytran({"-O", "s"}, "", head + "$$LAYER/1\n$$POLYLINE/1,1,2,655.359,0,1,1\n");
+    ASSERT_EQ(r.status, 0) << r.err;
+    r = run_laytran({"-O", "A"}, "", r.out);
+    EXPECT_NE(r.out.find("$$POLYLINE/1,1,2,65535.,0.,100.,100.\n"), std::string::npos) << r.out;
+}
+
+TEST(TranslateCli, BrokenNumbersAndOtherInputFailTheRun) {
+    const std::string head = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n";
+    BinaryCli infinite;
+    infinite.layer(1);
+    infinite.polyline(1, 1, {1, 2, HUGE_VALF, 4});
+    std::string comments;
+    while (comments.size() < 70000)
+        comments += "// a comment line\n";
+    const std::string digits(40, '1');
+    const struct {
+        std::string input, reason;
+    } cases[] = {
+        {head + "$$LAYER/inf\n$$POLYLINE/1,1,2,1,2,3,4\n",
+         "floating-point value is infinite or out of range"},
+        {head + "$$LAYER/1\n$$POLYLINE/1,1,2,1,2,1e39,4\n",
+         "floating-point value is infinite or out of range"},
+        {infinite.bytes, "floating-point value is infinite or out of range"},
+        {"$$HEADERSTART\n$$UNITS/1e39\n$$HEADEREND\n",
+         "floating-point value is infinite or out of range"},
+        {head + "$$LAYER/1\n$$POLYLINE/1,1,2,1,2," + digits + ",4\n", "illegal number"},
+        {head + "$$LAYER/1\n$$POWER/" + digits + "\n", "illegal number"},
+        {head + "$$LAYER/1\n$$POWER/100W\n", "illegal keyword"},
+        {head + "$$LAYER/1\n$$POWER\n", "illegal keyword"},
+        {std::string(70000, '\0') + head, "not a CLI file"},
+        {comments + head, "not a CLI file"},
+        {"x\n" + head, "illegal file format"},
+    };
+    for (const auto &k : cases) {
+        RunResult r = run_laytran({"-O", "A"}, "", k.input);
+        EXPECT_EQ(r.status, 255);
+        EXPECT_EQ(r.err, "laytran: error reading input file (" + k.reason + ")\n");
+    }
+}
+
+TEST(TranslateCli, SmallAndNegativeZeroHeightsAreWrittenAsTheyAre) {
+    // Levels of 0.127 mm steps are a few 1e-8 miles: none is dropped or merged.
+    std::string in = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n";
+    for (const char *z : {"0.127", "0.254", "0.381"})
+        in += std::string("$$LAYER/") + z + "\n$$POLYLINE/1,1,2,0,0,10,0\n";
+    RunResult r = run_laytran({"-O", "A", "-U", "miles", "-V", "0"}, "", in);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("$$LAYER/7.89141E-08\n$$POLYLINE/1,1,2,0.,0.,6.21371E-06,0.\n"
+                         "$$LAYER/1.57828E-07\n$$POLYLINE/1,1,2,0.,0.,6.21371E-06,0.\n"
+                         "$$LAYER/2.36742E-07\n"),
+              std::string::npos)
+        << r.out;
+    r = run_laytran({"-O", "A"}, "",
+                    "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/-0\n"
+                    "$$POLYLINE/1,1,2,-0,1,2,3\n$$GEOMETRYEND\n");
+    EXPECT_NE(r.out.find("$$LAYER/0.\n$$POLYLINE/1,1,2,0.,100.,200.,300.\n"), std::string::npos)
+        << r.out;
 }

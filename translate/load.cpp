@@ -1,4 +1,6 @@
 // Loaders: pull contours from the input stream into the slice model.
+#include <cinttypes>
+#include <cstdio>
 #include <cstring>
 
 #include "formats/cli/cli.h"
@@ -68,6 +70,53 @@ int load_cli(CliStream *cli_in, SliceStack *stack, CliHeader *header_block) {
     }
     cli_free_points(&element);
     return result;
+}
+
+void report_cli_input(CliStream *cli_in, uint32_t layers) {
+    if (cli_stream_error_text(cli_in)) return;
+    const char *name = job.program_name;
+    CliHeader *header = nullptr;
+    uint32_t read = 0, end_seen = 0, format = 0, signed_short = 0;
+    cli_get_option(cli_in, CLI_OPT_HEADER, &header);
+    cli_get_option(cli_in, CLI_OPT_LAYERS_READ, &read);
+    cli_get_option(cli_in, CLI_OPT_END_SEEN, &end_seen);
+    cli_get_option(cli_in, CLI_OPT_FORMAT, &format);
+    cli_get_option(cli_in, CLI_OPT_SIGNED_SHORT, &signed_short);
+    // One warning for an early end, whichever way it shows.
+    if (!cli_read_ended_cleanly(cli_in)) {
+        fprintf(stderr, "%s(WARNING): input ends early: data after layer %u could not be read\n",
+                name, layers);
+    } else if (header && header->layers > read) {
+        fprintf(stderr,
+                "%s(WARNING): input ends early: %u of the %u layers declared by $$LAYERS were "
+                "read\n",
+                name, read, header->layers);
+    } else if (format != CLI_FORMAT_BINARY && !end_seen) {
+        fprintf(stderr, "%s(WARNING): input ends early: $$GEOMETRYEND is missing after layer %u\n",
+                name, layers);
+    }
+    if (signed_short && job.verbosity >= 1 && job.verbosity <= 5) {
+        fprintf(stderr,
+                "%s(info): $$DIMENSION declares a negative minimum: 16-bit coordinates are read "
+                "as signed values\n",
+                name);
+    }
+}
+
+void report_cli_skipped(const CliStream *cli_in) {
+    uint64_t count = 0;
+    for (uint32_t i = 0; i < cli_skipped_keywords(cli_in); i++) {
+        const char *keyword = cli_skipped_keyword(cli_in, i, &count);
+        const char *verb = count == 1 ? "command was" : "commands were";
+        if (*keyword)
+            fprintf(stderr, "%s(WARNING): %" PRIu64 " $$%s %s skipped (not held by the output)\n",
+                    job.program_name, count, keyword, verb);
+        else
+            fprintf(stderr, "%s(WARNING): %" PRIu64 " %s skipped (not held by the output)\n",
+                    job.program_name, count,
+                    count == 1 ? "command of another keyword was"
+                               : "commands of other keywords were");
+    }
 }
 
 int load_slc(SlcStream *slc_in, SliceStack *stack, double *unit) {

@@ -20,6 +20,43 @@ constexpr double FDM_LAYER_THICKNESS = 0.005;
 
 const char *const NO_MEMORY = "no more memory";
 
+// Names the last value found not to fit its CLI field ("" when none).
+char field_text[320];
+
+// Whether the values of e (null: the layer height z) fit the fields of the
+// CLI output form; when one does not, field_text says which, where, and
+// what helps.
+bool fields_fit(CliStream *out, const CliElement *e, float z) {
+    CliFieldFault f;
+    if (cli_check_fields(out, e, z, &f)) return true;
+    CliHeader *h = nullptr;
+    cli_get_option(out, CLI_OPT_HEADER, &h);
+    const bool hatches = e && e->kind == CLI_HATCHES;
+    const bool real =
+        f.field == CLI_FIELD_LAYER || f.field == CLI_FIELD_X || f.field == CLI_FIELD_Y;
+    const char *const names[] = {"value",       "layer height", "id",          "direction",
+                                 "point count", "x coordinate", "y coordinate"};
+    const char *what = f.field < 7 ? names[f.field] : names[0];
+    if (hatches && f.field == CLI_FIELD_COUNT) what = "hatch count";
+    char where[96] = "";
+    if (e)
+        snprintf(where, sizeof where, "%s %u, layer %g: ", hatches ? "hatches" : "polyline", e->id,
+                 z);
+    char range[64] = "0 to 65535";
+    if (real && h) snprintf(range, sizeof range, "0 to 65535, unit %g mm", h->units);
+    const char *remedy;
+    if (real && f.value < 0.0)
+        remedy = "try -P to move the model";
+    else if (real)
+        remedy = hatches ? "try -U with a larger unit or ASCII output -O A"
+                         : "try -U with a larger unit or the long form -O b";
+    else
+        remedy = hatches ? "try ASCII output -O A" : "try the long form -O b or ASCII output -O A";
+    snprintf(field_text, sizeof field_text, "%s%s %g does not fit a 16-bit field (%s); %s", where,
+             what, f.value, range, remedy);
+    return false;
+}
+
 void place_model(SliceStack *stack, SliceBounds *b) {
     const char *name = job.program_name;
     fprintf(stderr, "%s(WARNING): model is not entirely in the positive quadrant\n", name);
@@ -61,12 +98,14 @@ int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) 
         e->kind = CLI_HATCHES;
     e->dir = c->direction;
     e->id = c->id;
+    float z = 0.0f;
+    cli_get_option(cli_out, CLI_OPT_LAYER, &z);
     if (!cli_reserve_points(e, c->held)) return 0;
     e->count = 0;
     for (uint32_t i = 0; i < c->held; i++) {
         const SlicePoint &p = c->points[i];
         if (c->gaps != 0 && point_is_gap_mark(p)) {
-            if (!cli_write_element(cli_out, e)) return 0;
+            if (!fields_fit(cli_out, e, z) || !cli_write_element(cli_out, e)) return 0;
             e->count = 0;
             continue;
         }
@@ -74,7 +113,8 @@ int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) 
         e->points[e->count].y = p.y;
         e->count++;
     }
-    return e->count > 1 ? cli_write_element(cli_out, e) : 1;
+    if (e->count <= 1) return 1;
+    return fields_fit(cli_out, e, z) && cli_write_element(cli_out, e);
 }
 
 int write_cli(const SliceStack *stack, CliHeader *header, const char **cause) {
@@ -88,15 +128,20 @@ int write_cli(const SliceStack *stack, CliHeader *header, const char **cause) {
     cli_set_option(job.cli_out, CLI_OPT_HEADER, header);
     CliElement element = {};
     int result = 1;
+    field_text[0] = '\0';
     for (uint32_t i = 0; i < stack->count && result; i++) {
         SliceLayer &layer = stack->layers[i];
+        if (!fields_fit(job.cli_out, nullptr, layer.z)) {
+            result = 0;
+            break;
+        }
         cli_set_option(job.cli_out, CLI_OPT_LAYER, &layer.z);
         for (uint32_t j = 0; j < layer_contours_in_use(layer) && result; j++) {
             result = write_cli_contour(job.cli_out, &layer.contours[j], &element);
         }
     }
     cli_free_points(&element);
-    if (!result) *cause = NO_MEMORY;
+    if (!result) *cause = field_text[0] ? field_text : NO_MEMORY;
     return result;
 }
 
@@ -219,11 +264,7 @@ int translate_job() {
     if (in_cli) {
         loaded = load_cli(job.cli_in, &stack, header);
         u_in = header->units != 0.0f ? header->units : 1.0;
-        if (loaded && !cli_stream_error_text(job.cli_in) && !cli_read_ended_cleanly(job.cli_in)) {
-            fprintf(stderr,
-                    "%s(WARNING): input ends early: data after layer %u could not be read\n",
-                    job.program_name, stack.count);
-        }
+        if (loaded) report_cli_input(job.cli_in, stack.count);
     } else if (job.flags[0] & JOB_IN_SLC) {
         loaded = load_slc(job.slc_in, &stack, &u_in);
     } else {
@@ -275,6 +316,7 @@ int translate_job() {
     if (job.cli_out) cli_finish(job.cli_out);
     if (job.slc_out) slc_finish(job.slc_out);
     if (job.fdm_out) fdm_finish(job.fdm_out);
+    if (in_cli) report_cli_skipped(job.cli_in);
     int result = streams_check();
     if (cause) {
         fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, cause);

@@ -29,6 +29,11 @@ int translate_job();
 // loaders also report the input's unit in millimetres.
 int load_cli(CliStream *cli_in, SliceStack *stack, CliHeader *header_block);
 int contour_from_cli(const CliElement *element, SliceLayer *layer);
+// After a CLI input was read without error: the warning when it ended
+// early and the info line on signed 16-bit values. layers: layers loaded.
+void report_cli_input(CliStream *cli_in, uint32_t layers);
+// One warning per keyword of the unknown commands the CLI input skipped.
+void report_cli_skipped(const CliStream *cli_in);
 int load_slc(SlcStream *slc_in, SliceStack *stack, double *unit);
 int load_fdm(SliceStack *stack, double *unit);
 int contour_from_fdm(const FdmContour *f, SliceLayer *layer);

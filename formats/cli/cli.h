@@ -69,6 +69,9 @@ enum {
     CLI_OPT_CALLBACK = 11,         // CliCallback*: the header callback (read)
     CLI_OPT_CALLBACK_CONTEXT = 12, // void*: the callback's first argument (read)
     CLI_OPT_MM = 13,               // get only, uint32_t: 1 when coordinates come out in mm
+    CLI_OPT_LAYERS_READ = 14,      // get only, uint32_t: layer commands read so far
+    CLI_OPT_END_SEEN = 15,         // get only, uint32_t: 1 when $$GEOMETRYEND was read
+    CLI_OPT_SIGNED_SHORT = 16,     // get only, uint32_t: 1 when 16-bit values were read signed
 };
 
 enum : uint32_t {
@@ -133,6 +136,24 @@ enum : uint32_t {
     CLI_E_MEMORY = 11,
     CLI_E_CONTEXT = 12,
     CLI_E_ARGUMENT = 13,
+    CLI_E_NOT_CLI = 14,  // nothing in the first 64 KiB starts a CLI file
+    CLI_E_INFINITE = 15, // a real that is infinite or beyond the float range
+    CLI_E_FIELD = 16,    // a value that does not fit its 16-bit binary field
+};
+
+// What a value that does not fit its binary field is (cli_check_fields).
+enum : uint32_t {
+    CLI_FIELD_LAYER = 1, // the layer height
+    CLI_FIELD_ID = 2,
+    CLI_FIELD_DIR = 3,
+    CLI_FIELD_COUNT = 4, // points of a polyline, hatches of a block
+    CLI_FIELD_X = 5,
+    CLI_FIELD_Y = 6,
+};
+
+struct CliFieldFault {
+    uint32_t field; // CLI_FIELD_*
+    double value;   // as it would be written (after unit scaling)
 };
 
 struct CliStream;
@@ -167,10 +188,24 @@ int cli_read_element(CliStream *s, CliElement *e);
 // number that did not convert or a point array that could not grow.
 int cli_read_ended_cleanly(const CliStream *s);
 
+// Unknown commands of the form $$WORD/numbers passed over in ASCII
+// geometry: the number of distinct keywords, and the name (without "$$")
+// and count of each in the order first seen. Past the first 64 keywords
+// the rest are counted together under the name "".
+uint32_t cli_skipped_keywords(const CliStream *s);
+const char *cli_skipped_keyword(const CliStream *s, uint32_t i, uint64_t *count);
+
 // Writes e (null only forces the header out); the header goes out before the
 // first element. An element whose count exceeds its capacity, or of a kind
 // other than CLI_POLYLINE and CLI_HATCHES, records CLI_E_ARGUMENT.
 int cli_write_element(CliStream *s, CliElement *e);
+
+// Whether everything cli_write_element would write for e (null: only the
+// layer height z) fits its field in the stream's output form: 1, or 0 with
+// the first value that does not fit in *fault. A binary short-form field
+// holds 0 to 65535 after the fraction is cut off; the writer refuses such a
+// value itself (CLI_E_FIELD), this lets a caller say which one it is.
+int cli_check_fields(const CliStream *s, const CliElement *e, float z, CliFieldFault *fault);
 
 // Grows e's point array to exactly n points when it holds fewer; 0 when
 // memory is exhausted (the array is then unchanged).

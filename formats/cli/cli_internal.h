@@ -22,6 +22,16 @@ constexpr uint32_t CLI_PUSHBACK_MAX = 3;
 constexpr int CLI_EOF = -1;
 constexpr double CLI_TOLERANCE = 1.1920928955078125e-07;
 constexpr uint32_t CLI_NUMBER_TEXT = 64;
+// Bytes at the start of an input in which a CLI file must begin.
+constexpr uint32_t CLI_START_WINDOW = 0x10000;
+// Distinct unknown geometry keywords counted one by one.
+constexpr uint32_t CLI_SKIPPED_MAX = 64;
+constexpr uint32_t CLI_SKIPPED_NAME = 32;
+
+struct CliSkipped {
+    char name[CLI_SKIPPED_NAME]; // "" gathers the keywords past CLI_SKIPPED_MAX
+    uint64_t count;
+};
 
 struct CliStream {
     uint32_t error;    // first recorded error, 0 = none
@@ -47,13 +57,19 @@ struct CliStream {
     CliCallback callback;
     void *callback_context;
 
-    uint8_t at_eof;      // reading: the file gave its end
-    uint8_t io_failed;   // reading: a byte read failed (read error or no buffer)
-    uint8_t eof_crossed; // reading: a binary value ran past the end of the file
-    uint8_t silent_stop; // reading: the last read stopped with no error recorded
-    uint8_t measured;    // reading: file_left is known (regular input file)
-    uint8_t finished;    // writing: cli_finish has run
-    uint64_t file_left;  // bytes of a measured input file not yet in the buffer
+    uint8_t at_eof;         // reading: the file gave its end
+    uint8_t io_failed;      // reading: a byte read failed (read error or no buffer)
+    uint8_t eof_crossed;    // reading: a binary value ran past the end of the file
+    uint8_t silent_stop;    // reading: the last read stopped with no error recorded
+    uint8_t measured;       // reading: file_left is known (regular input file)
+    uint8_t finished;       // writing: cli_finish has run
+    uint64_t file_left;     // bytes of a measured input file not yet in the buffer
+    uint8_t signed_axes;    // reading: bit 0, 1, 2 for x, y, z: 16-bit values are signed
+    uint8_t signed_read;    // reading: a 16-bit value was read signed
+    uint8_t end_seen;       // reading: $$GEOMETRYEND was read
+    uint32_t layers_read;   // reading: layer commands read
+    CliSkipped *skipped;    // reading: unknown geometry commands passed over
+    uint32_t skipped_count; // entries in use
 
     char number[CLI_NUMBER_TEXT]; // scratch text for numbers
 };

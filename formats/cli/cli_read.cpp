@@ -1,6 +1,7 @@
 // The CLI reader: the ASCII scanner (significant characters, comments,
 // tokens, numbers, texts), the binary value layer, the header section and
 // the elements of the geometry section.
+#include <algorithm>
 #include <cctype>
 #include <cfloat>
 #include <cmath>
@@ -15,9 +16,11 @@ namespace {
 constexpr uint32_t keyword_capacity = 14;
 constexpr uint32_t number_capacity = 32;
 constexpr uint32_t text_step = 30;
-// Points reserved at once when the size of the input is unknown; the array
+// Points reserved at first when the input cannot justify more; the array
 // then grows as the points arrive.
 constexpr uint32_t unknown_size_points = 256;
+// The keyword code of an unknown command passed over in ASCII geometry.
+constexpr uint32_t skipped_command = 100;
 // Data bytes of a $$USERDATA allocated at once when the input size is unknown.
 constexpr uint32_t unknown_size_block = 4096;
 
@@ -31,10 +34,21 @@ enum : uint32_t {
     CMD_HATCHES_LONG = 132,
 };
 
-int is_significant(int c) {
-    if (c == CLI_EOF) return 1;
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9')) return 1;
-    return c == '$' || c == '/' || c == ',' || c == '.' || c == '+' || c == '-';
+// Significant bytes: letters, digits and "$/,.+-" (and the end of file).
+struct ByteClass {
+    bool significant[256];
+    constexpr ByteClass() : significant() {
+        for (int c = 0; c < 256; c++) {
+            significant[c] = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                             (c >= '0' && c <= '9') || c == '$' || c == '/' || c == ',' ||
+                             c == '.' || c == '+' || c == '-';
+        }
+    }
+};
+constexpr ByteClass byte_class;
+
+inline int is_significant(int c) {
+    return c == CLI_EOF || byte_class.significant[c & 0xFF];
 }
 
 int is_separator(int c) {
@@ -88,9 +102,14 @@ int next_char(CliStream *s) {
 }
 
 // Up to capacity - 1 significant characters up to a separator (given back).
-int read_token(CliStream *s, char *token, uint32_t capacity) {
+// A keyword also ends at the line feed that closes a comment behind it
+// ("$$BINARY // note"); a longer keyword is cut, the rest staying in the
+// input. A number that does not fit records error 6.
+int read_token(CliStream *s, char *token, uint32_t capacity, bool keyword) {
+    const uint32_t last = capacity - 1;
     uint32_t n = 0;
-    while (n < capacity - 1) {
+    for (;;) {
+        if (n == last && keyword) break;
         // In a binary file the geometry starts right behind $$HEADEREND.
         if (n == 9 && !(s->flags & CLI_F_HEADER_READ) && s->format == CLI_FORMAT_BINARY &&
             memcmp(token, "HEADEREND", 9) == 0)
@@ -101,6 +120,12 @@ int read_token(CliStream *s, char *token, uint32_t capacity) {
             cli_ungetc(s, c);
             break;
         }
+        if (n == last) {
+            if (c != '\n') return cli_fail(s, CLI_E_NUMBER);
+            cli_ungetc(s, c);
+            break;
+        }
+        if (keyword && c == '\n' && n > 0) break;
         token[n++] = static_cast<char>(c);
     }
     token[n] = '\0';
@@ -115,7 +140,7 @@ void skip_comma(CliStream *s) {
 
 int ascii_integer(CliStream *s, uint32_t *out) {
     char token[number_capacity];
-    if (!read_token(s, token, number_capacity)) return 0;
+    if (!read_token(s, token, number_capacity, false)) return 0;
     char *end = nullptr;
     long v = strtol(token, &end, 10);
     // A comment behind the number leaves its line feed in the token.
@@ -130,7 +155,7 @@ int ascii_integer(CliStream *s, uint32_t *out) {
 
 int ascii_double(CliStream *s, double *out) {
     char token[number_capacity];
-    if (!read_token(s, token, number_capacity)) return 0;
+    if (!read_token(s, token, number_capacity, false)) return 0;
     char *end = nullptr;
     double v = strtod(token, &end);
     if (end == token) {
@@ -139,6 +164,7 @@ int ascii_double(CliStream *s, double *out) {
     }
     // The C library reads "nan" as a number; it is refused as in binary data.
     if (v != v) return cli_fail(s, CLI_E_NAN);
+    if (!std::isfinite(v)) return cli_fail(s, CLI_E_INFINITE);
     *out = v;
     skip_comma(s);
     return 1;
@@ -149,6 +175,7 @@ int ascii_real(CliStream *s, float *out) {
     if (!ascii_double(s, &v)) return 0;
     float f = to_f32(v);
     if (s->flags & CLI_F_SCALE) f *= s->header->units;
+    if (!std::isfinite(f)) return cli_fail(s, CLI_E_INFINITE);
     *out = f;
     return 1;
 }
@@ -191,12 +218,18 @@ int binary_integer(CliStream *s, uint32_t *out) {
     return (s->flags & CLI_F_SHORT) ? binary_u16(s, out) : binary_u32(s, out);
 }
 
-int binary_real(CliStream *s, float *out) {
+// A binary real of the axis 0, 1 or 2 (x, y, z): 16-bit values of an axis
+// whose declared minimum is negative are signed.
+int binary_real(CliStream *s, float *out, int axis) {
     uint32_t bits = 0;
     float f;
     if (s->flags & CLI_F_SHORT) {
         if (!binary_u16(s, &bits)) return 0;
         f = static_cast<float>(bits);
+        if (s->signed_axes & (1 << axis)) {
+            s->signed_read = 1;
+            if (bits >= 0x8000) f -= 65536.0f;
+        }
     } else {
         if (!binary_u32(s, &bits)) return 0;
         memcpy(&f, &bits, sizeof f);
@@ -206,6 +239,7 @@ int binary_real(CliStream *s, float *out) {
         if (f != f) return cli_fail(s, CLI_E_NAN);
     }
     if (s->flags & CLI_F_SCALE) f *= s->header->units;
+    if (!std::isfinite(f)) return cli_fail(s, CLI_E_INFINITE);
     *out = f;
     return align_skip(s);
 }
@@ -214,8 +248,8 @@ int read_integer(CliStream *s, uint32_t *out) {
     return (s->flags & CLI_F_BINARY) ? binary_integer(s, out) : ascii_integer(s, out);
 }
 
-int read_real(CliStream *s, float *out) {
-    return (s->flags & CLI_F_BINARY) ? binary_real(s, out) : ascii_real(s, out);
+int read_real(CliStream *s, float *out, int axis) {
+    return (s->flags & CLI_F_BINARY) ? binary_real(s, out, axis) : ascii_real(s, out);
 }
 
 // Bytes taken as they come up to a separator (given back), in a new
@@ -254,6 +288,56 @@ char *read_text(CliStream *s, uint32_t *size) {
     return text;
 }
 
+// Counts a command passed over under its keyword.
+int count_skipped(CliStream *s, const char *name) {
+    if (!s->skipped) {
+        s->skipped =
+            static_cast<CliSkipped *>(mm_malloc((CLI_SKIPPED_MAX + 1) * sizeof(CliSkipped)));
+        if (!s->skipped) return cli_fail(s, CLI_E_MEMORY);
+    }
+    uint32_t i = 0;
+    while (i < s->skipped_count && strcmp(s->skipped[i].name, name) != 0)
+        i++;
+    if (i >= CLI_SKIPPED_MAX) {
+        i = CLI_SKIPPED_MAX;
+        s->skipped[i].name[0] = '\0';
+        s->skipped_count = CLI_SKIPPED_MAX + 1;
+    } else if (i == s->skipped_count) {
+        snprintf(s->skipped[i].name, CLI_SKIPPED_NAME, "%s", name);
+        s->skipped_count++;
+    }
+    s->skipped[i].count++;
+    return 1;
+}
+
+// An unknown command in ASCII geometry of the form $$WORD/numbers, such as
+// the process parameters other tools write ($$POWER/100.0), passed over
+// and counted; name holds the letters read so far (CLI_SKIPPED_NAME bytes).
+// 0 for anything else.
+int skip_command(CliStream *s, char *name) {
+    size_t n = strlen(name);
+    if (n == keyword_capacity - 1 &&
+        !read_token(s, name + n, CLI_SKIPPED_NAME - static_cast<uint32_t>(n), true))
+        return 0;
+    for (const char *p = name; *p; p++) {
+        if (*p < 'A' || *p > 'Z') return 0;
+    }
+    if (*name == '\0' || next_char(s) != '/') return 0;
+    for (;;) {
+        char token[number_capacity];
+        if (!read_token(s, token, number_capacity, false)) return 0;
+        char *end = nullptr;
+        strtod(token, &end);
+        if (end == token || (*end != '\0' && !isspace(static_cast<unsigned char>(*end)))) return 0;
+        int c = next_char(s);
+        if (c != ',') {
+            cli_ungetc(s, c);
+            break;
+        }
+    }
+    return count_skipped(s, name);
+}
+
 uint32_t ascii_keyword(CliStream *s) {
     if (s->error == 0) {
         if (next_char(s) != '$') return cli_fail(s, CLI_E_FORMAT);
@@ -269,10 +353,13 @@ uint32_t ascii_keyword(CliStream *s) {
         s->sys_error = 0;
     }
     if (next_char(s) != '$') return cli_fail(s, CLI_E_FORMAT);
-    char token[keyword_capacity];
-    if (!read_token(s, token, keyword_capacity)) return 0;
+    char token[CLI_SKIPPED_NAME];
+    if (!read_token(s, token, keyword_capacity, true)) return 0;
     uint32_t code = cli_keyword_lookup(token);
-    if (code == 0) return cli_fail(s, CLI_E_KEYWORD);
+    if (code == 0) {
+        if ((s->flags & CLI_F_HEADER_READ) && skip_command(s, token)) return skipped_command;
+        return cli_fail(s, CLI_E_KEYWORD);
+    }
     if (cli_keyword_has_parameters(code) && next_char(s) != '/') return cli_fail(s, CLI_E_FORMAT);
     return code;
 }
@@ -398,9 +485,13 @@ int read_header_keywords(CliStream *s) {
             ok = ascii_integer(s, &h->date);
             break;
         case CLI_KW_DIMENSION: {
+            // The maximum corner comes first; some tools give the minimum first.
             double *order[6] = {&h->xmax, &h->ymax, &h->zmax, &h->xmin, &h->ymin, &h->zmin};
             for (int i = 0; ok && i < 6; i++)
                 ok = ascii_double(s, order[i]);
+            for (int i = 0; ok && i < 3; i++) {
+                if (*order[i] < *order[i + 3]) std::swap(*order[i], *order[i + 3]);
+            }
             break;
         }
         case CLI_KW_LABEL:
@@ -413,6 +504,7 @@ int read_header_keywords(CliStream *s) {
             double units;
             ok = ascii_double(s, &units);
             if (ok) h->units = to_f32(units);
+            if (ok && std::isinf(h->units)) ok = cli_fail(s, CLI_E_INFINITE);
             break;
         }
         case CLI_KW_USERDATA:
@@ -431,14 +523,48 @@ int read_header_keywords(CliStream *s) {
     }
 }
 
+// Passes over what may stand before $$HEADERSTART: bytes the scanner skips
+// anyway and "//" comment lines, as other tools write them. Any other byte
+// is left for the header to take or refuse; when none comes within the
+// first 64 KiB, the input is not a CLI file.
+int skip_preamble(CliStream *s) {
+    for (;;) {
+        if (cli_byte_count(s) >= CLI_START_WINDOW) return cli_fail(s, CLI_E_NOT_CLI);
+        int c = cli_getc(s);
+        if (s->io_failed) return 0;
+        if (c == '/') {
+            int d = cli_getc(s);
+            if (d != '/') {
+                cli_ungetc(s, d);
+                cli_ungetc(s, c);
+                return 1;
+            }
+            while (c != '\n') {
+                if (cli_byte_count(s) >= CLI_START_WINDOW) return cli_fail(s, CLI_E_NOT_CLI);
+                c = cli_getc(s);
+                if (s->io_failed) return 0;
+                if (c == CLI_EOF) return cli_fail(s, CLI_E_EOF);
+            }
+        } else if (is_significant(c)) {
+            cli_ungetc(s, c);
+            return 1;
+        }
+    }
+}
+
 int read_header(CliStream *s) {
     if (!cli_header_get(s)) return cli_fail(s, CLI_E_MEMORY);
     const uint8_t scale = s->flags & CLI_F_SCALE;
     s->flags &= static_cast<uint8_t>(~(CLI_F_BINARY | CLI_F_SCALE));
-    int ok = read_header_keywords(s);
+    int ok = skip_preamble(s) && read_header_keywords(s);
     if (ok) {
+        const CliHeader *h = s->header;
         if (s->format == CLI_FORMAT_BINARY) s->flags |= CLI_F_BINARY;
-        if (s->header->units == 0.0f) s->header->units = 1.0f;
+        if (h->units == 0.0f) s->header->units = 1.0f;
+        // Some tools store 16-bit coordinates signed when the part lies
+        // partly below zero, which the declared dimensions then show.
+        s->signed_axes =
+            static_cast<uint8_t>((h->xmin < 0.0) | (h->ymin < 0.0) << 1 | (h->zmin < 0.0) << 2);
     }
     s->flags |= scale;
     if (!ok || !align_skip(s) || !expect_keyword(s, CLI_KW_GEOMETRYSTART)) return 0;
@@ -446,21 +572,19 @@ int read_header(CliStream *s) {
     return 1;
 }
 
-// Reserves room for count points as far as the input can justify it: all of
-// them when a measured binary input holds their bytes (a count it cannot
-// hold fails), as many as the bytes left allow in ASCII, a few when the
-// size is unknown. The rest is reserved while the points arrive.
-int reserve_for(CliStream *s, CliElement *e, uint32_t count) {
-    uint64_t n = count;
-    if (s->measured) {
-        uint64_t left = cli_bytes_left(s);
-        if (s->flags & CLI_F_BINARY) {
-            if (n * ((s->flags & CLI_F_SHORT) ? 4 : 8) > left) return cli_fail(s, CLI_E_EOF);
-        } else if (n > left / 2) {
-            n = left / 2;
-        }
-    } else if (n > unknown_size_points) {
-        n = unknown_size_points;
+// Room for the points of e from point i on, as far as the input justifies
+// it: all of them when a measured binary input holds their bytes (a count
+// it cannot hold fails); otherwise twice the points read so far, at most
+// what the bytes left can hold in the densest ASCII ("1,1," for a point).
+int reserve_from(CliStream *s, CliElement *e, uint32_t i) {
+    uint64_t n = e->count;
+    if (s->measured && (s->flags & CLI_F_BINARY)) {
+        if (n * ((s->flags & CLI_F_SHORT) ? 4 : 8) > cli_bytes_left(s))
+            return cli_fail(s, CLI_E_EOF);
+    } else {
+        uint64_t step = std::max(i, unknown_size_points);
+        if (s->measured) step = std::min(step, (cli_bytes_left(s) + 1) / 4);
+        n = std::min(n, i + std::max<uint64_t>(step, 1));
     }
     if (!cli_reserve_points(e, static_cast<uint32_t>(n))) {
         s->silent_stop = 1;
@@ -472,22 +596,14 @@ int reserve_for(CliStream *s, CliElement *e, uint32_t count) {
 int read_points(CliStream *s, CliElement *e) {
     e->read = 0;
     if (s->eof_crossed) return cli_fail(s, CLI_E_EOF);
-    if (!reserve_for(s, e, e->count)) return 0;
     for (uint32_t i = 0; i < e->count; i++) {
-        if (i == e->capacity) {
-            uint32_t more = i < unknown_size_points ? unknown_size_points : i;
-            more = e->count - i > more ? i + more : e->count;
-            if (!cli_reserve_points(e, more)) {
-                s->silent_stop = 1;
-                return 0;
-            }
-        }
+        if (i >= e->capacity && !reserve_from(s, e, i)) return 0;
         CliPoint p;
         const uint8_t align = s->flags & CLI_F_ALIGN;
         s->flags &= static_cast<uint8_t>(~CLI_F_ALIGN);
-        int ok = read_real(s, &p.x);
+        int ok = read_real(s, &p.x, 0);
         s->flags |= align;
-        if (!ok || !read_real(s, &p.y)) return 0;
+        if (!ok || !read_real(s, &p.y, 1)) return 0;
         if (s->eof_crossed) return cli_fail(s, CLI_E_EOF);
         e->points[i] = p;
         e->read++;
@@ -513,9 +629,10 @@ int read_hatches(CliStream *s, CliElement *e) {
 
 int read_layer(CliStream *s) {
     float z = 0.0f;
-    if (!read_real(s, &z)) return 0;
+    if (!read_real(s, &z, 2)) return 0;
     if (s->eof_crossed) return cli_fail(s, CLI_E_EOF);
     s->layer_z = z;
+    s->layers_read++;
     return 1;
 }
 
@@ -530,8 +647,10 @@ int cli_read_element(CliStream *s, CliElement *e) {
     if (at_end(s)) return 0;
     for (;;) {
         switch (read_keyword(s)) {
-        case 0:
         case CLI_KW_GEOMETRYEND:
+            if (!(s->flags & CLI_F_BINARY)) s->end_seen = 1;
+            return 0;
+        case 0:
             // A layer with no element behind it is not reported.
             return 0;
         case CLI_KW_POLYLINE:

@@ -1,5 +1,6 @@
 // The CLI stream object: creation, options, errors, the keyword table and
 // the buffered byte layer.
+#include <algorithm>
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
@@ -26,6 +27,9 @@ const char *const error_texts[] = {
     "no more memory",
     "error in context (programming error?)",
     "illegal argument (programming error?)",
+    "not a CLI file",
+    "floating-point value is infinite or out of range",
+    "value does not fit its 16-bit field",
 };
 
 struct Keyword {
@@ -83,12 +87,22 @@ uint32_t refill(CliStream *s) {
     return got;
 }
 
-// Option 8 while writing: a new height after the header writes $$LAYER.
+// Two heights that make one layer: within the tolerance, and for heights
+// below 1 also within the same share of the height, so that levels written
+// in a large unit (a few 1e-8 at -U miles) stay apart.
+bool same_height(float a, float b) {
+    const double d = std::fabs(static_cast<double>(a) - static_cast<double>(b));
+    const double larger =
+        std::max(std::fabs(static_cast<double>(a)), std::fabs(static_cast<double>(b)));
+    return d < CLI_TOLERANCE && d <= CLI_TOLERANCE * larger;
+}
+
+// Option 8 while writing: a new height after the header writes $$LAYER;
+// before it, the height is kept for the first $$LAYER as it is.
 int set_layer(CliStream *s, const float *z) {
     if (!z) return 0;
-    if (std::fabs(static_cast<double>(*z) - static_cast<double>(s->layer_z)) < CLI_TOLERANCE)
-        return 1;
     if (s->flags & CLI_F_HEADER_WRITTEN) {
+        if (same_height(*z, s->layer_z)) return 1;
         if (!cli_write_keyword(s, CLI_KW_LAYER) || !cli_write_real(s, *z)) return 0;
         if (!(s->flags & CLI_F_BINARY) && !cli_write_text(s, "\n", 0)) return 0;
     }
@@ -182,6 +196,7 @@ int cli_destroy(CliStream *s) {
     if (!s) return 1;
     cli_finish(s);
     if (s->header_owned) mm_free(s->header, sizeof(CliHeader), 0);
+    mm_free(s->skipped, (CLI_SKIPPED_MAX + 1) * sizeof(CliSkipped), 0);
     mm_free(s->buffer, s->buffer_size, 0);
     memset(s, 0, sizeof *s);
     mm_free(s, sizeof *s, 0);
@@ -277,10 +292,29 @@ int cli_get_option(CliStream *s, int code, void *out) {
         *static_cast<uint32_t *>(out) = mm;
         break;
     }
+    case CLI_OPT_LAYERS_READ:
+        *static_cast<uint32_t *>(out) = s->layers_read;
+        break;
+    case CLI_OPT_END_SEEN:
+        *static_cast<uint32_t *>(out) = s->end_seen;
+        break;
+    case CLI_OPT_SIGNED_SHORT:
+        *static_cast<uint32_t *>(out) = s->signed_read;
+        break;
     default:
         break;
     }
     return 1;
+}
+
+uint32_t cli_skipped_keywords(const CliStream *s) {
+    return s ? s->skipped_count : 0;
+}
+
+const char *cli_skipped_keyword(const CliStream *s, uint32_t i, uint64_t *count) {
+    if (!s || i >= s->skipped_count) return nullptr;
+    if (count) *count = s->skipped[i].count;
+    return s->skipped[i].name;
 }
 
 int cli_reserve_points(CliElement *e, uint32_t n) {

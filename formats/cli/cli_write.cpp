@@ -51,8 +51,9 @@ int write_integer(CliStream *s, uint32_t v) {
         snprintf(s->number, sizeof s->number, "%ld", static_cast<long>(v));
         return cli_write_text(s, s->number, 0);
     }
-    if (s->flags & (CLI_F_ALIGN | CLI_F_SHORT)) return write_u16(s, v);
-    return write_u32(s, v);
+    if (!(s->flags & (CLI_F_ALIGN | CLI_F_SHORT))) return write_u32(s, v);
+    if (v > 0xFFFF) return cli_fail(s, CLI_E_FIELD);
+    return write_u16(s, v);
 }
 
 int write_date(CliStream *s, uint32_t date) {
@@ -80,13 +81,20 @@ void fix_number(char *text) {
     *at = '.';
 }
 
-// The low 16 bits of the value truncated toward zero (negative values wrap).
-uint32_t short_value(float v) {
+// A real in a 16-bit field: its fraction is cut off and the integer must
+// lie in 0 to 65535 (never wrapped).
+bool fits_short(float v) {
     double t = std::trunc(static_cast<double>(v));
-    if (!std::isfinite(t)) return 0;
-    t = std::fmod(t, 65536.0);
-    if (t < 0) t += 65536.0;
-    return static_cast<uint32_t>(t) & 0xFFFF;
+    return t >= 0.0 && t <= 65535.0;
+}
+
+// A real as it is written: divided by the units when scaling is on.
+float output_real(const CliStream *s, float v) {
+    if (s->flags & CLI_F_SCALE) {
+        const double units = s->header ? static_cast<double>(s->header->units) : 0.0;
+        if (units != 0.0) v = to_f32(static_cast<double>(v) * (1.0 / units));
+    }
+    return v;
 }
 
 int write_double(CliStream *s, double v) {
@@ -218,19 +226,54 @@ int cli_write_keyword(CliStream *s, uint32_t code) {
 }
 
 int cli_write_real(CliStream *s, float v) {
-    if (s->flags & CLI_F_SCALE) {
-        const double units = s->header ? static_cast<double>(s->header->units) : 0.0;
-        if (units != 0.0) v = to_f32(static_cast<double>(v) * (1.0 / units));
-    }
+    v = output_real(s, v);
     if (ascii(s)) {
-        snprintf(s->number, sizeof s->number - 1, "%g", static_cast<double>(v));
+        // Negative zero is written as 0.
+        snprintf(s->number, sizeof s->number - 1, "%g", v == 0.0f ? 0.0 : static_cast<double>(v));
         fix_number(s->number);
         return cli_write_text(s, s->number, 0);
     }
-    if (s->flags & CLI_F_SHORT) return write_u16(s, short_value(v));
+    if (s->flags & CLI_F_SHORT) {
+        if (!fits_short(v)) return cli_fail(s, CLI_E_FIELD);
+        return write_u16(s, static_cast<uint32_t>(std::trunc(v)));
+    }
     uint32_t bits;
     memcpy(&bits, &v, sizeof bits);
     return write_u32(s, bits);
+}
+
+int cli_check_fields(const CliStream *s, const CliElement *e, float z, CliFieldFault *fault) {
+    if (!s || s->format == CLI_FORMAT_ASCII) return 1;
+    CliFieldFault found = {0, 0.0};
+    const bool short_form = (s->flags & CLI_F_SHORT) != 0;
+    if (!e) {
+        if (short_form && !fits_short(output_real(s, z)))
+            found = {CLI_FIELD_LAYER, output_real(s, z)};
+    } else {
+        // Hatches are 16-bit in every binary form; aligned integers too.
+        const bool hatches = e->kind == CLI_HATCHES;
+        const bool short_values = short_form || hatches;
+        const uint32_t count = hatches ? e->count / 2 : e->count;
+        if (short_values || (s->flags & CLI_F_ALIGN)) {
+            if (e->id > 0xFFFF)
+                found = {CLI_FIELD_ID, static_cast<double>(e->id)};
+            else if (!hatches && e->dir > 0xFFFF)
+                found = {CLI_FIELD_DIR, static_cast<double>(e->dir)};
+            else if (count > 0xFFFF)
+                found = {CLI_FIELD_COUNT, static_cast<double>(count)};
+        }
+        const uint32_t points = hatches ? 2 * count : e->count;
+        for (uint32_t i = 0; short_values && found.field == 0 && i < points && e->points; i++) {
+            const float x = output_real(s, e->points[i].x), y = output_real(s, e->points[i].y);
+            if (!fits_short(x))
+                found = {CLI_FIELD_X, x};
+            else if (!fits_short(y))
+                found = {CLI_FIELD_Y, y};
+        }
+    }
+    if (found.field == 0) return 1;
+    if (fault) *fault = found;
+    return 0;
 }
 
 int cli_write_element(CliStream *s, CliElement *e) {
