@@ -115,6 +115,7 @@ void streams_close() {
     job.fdm_in = job.fdm_out = nullptr;
     job.current_in = job.current_out = nullptr;
     if (job.in) fclose(job.in);
-    if (job.out) fclose(job.out);
+    // The output file is closed by output_close, which decides whether it
+    // replaces its target.
     job.in = job.out = nullptr;
 }
