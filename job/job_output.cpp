@@ -108,12 +108,12 @@ int create_temp(mode_t mode) {
 // Gives the temporary file the existing target's owner and mode, so that
 // replacing the file changes its contents only.
 void copy_owner_and_mode(int fd, const struct stat *existing) {
-    if (existing->st_uid != geteuid() || existing->st_gid != getegid()) {
-        if (fchown(fd, existing->st_uid, existing->st_gid) != 0) {
-            // Not allowed to give the file away: keep at least the group.
-            if (fchown(fd, static_cast<uid_t>(-1), existing->st_gid) != 0) {
-            }
-        }
+    // Not allowed to give the file away (not root): keep at least the
+    // group where that is allowed, and the mode in any case.
+    if ((existing->st_uid != geteuid() || existing->st_gid != getegid()) &&
+        fchown(fd, existing->st_uid, existing->st_gid) != 0 &&
+        fchown(fd, static_cast<uid_t>(-1), existing->st_gid) != 0) {
+        errno = 0;
     }
     fchmod(fd, existing->st_mode & 07777);
 }
