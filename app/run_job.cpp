@@ -1,11 +1,14 @@
 #include "app/run_job.h"
 
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 
 #include "app/progress.h"
 #include "job/job.h"
+#include "job/job_output.h"
 #include "support/alarm.h"
+#include "support/mm.h"
 #include "support/run_timer.h"
 #include "translate/translate.h"
 
@@ -33,7 +36,12 @@ int run_job(int argc, char **argv) {
     job.program_name = argc > 0 && argv && argv[0] ? argv[0] : JOB_PROGRAM_NAME;
 
     // An option error ends the run here with status 0: no streams, no report.
-    if (!job_parse_options(argc, argv, &job)) return 0;
+    // An output file opened before it is not kept.
+    int parsed = job_parse_options(argc, argv, &job);
+    if (parsed <= 0) {
+        output_close(0);
+        return parsed < 0 ? -1 : 0;
+    }
 
     progress_begin("LAYTRAN");
     progress_set_text(1, "Translating...");
@@ -48,14 +56,20 @@ int run_job(int argc, char **argv) {
     int status = -1;
     if (streams_open()) status = translate_job() ? 0 : -1;
     streams_close();
+    // A Stop pressed during the run turns a completed run into a failed one.
+    if (status == 0 && !progress_pump()) status = -1;
+    // Only a completed run replaces the output file.
+    if (!output_close(status == 0)) {
+        fprintf(stderr, "%s: error writing output file (%s: %s)\n", job.program_name,
+                output_failed_step(), sys_error_text(errno));
+        status = -1;
+    }
 
     report_gaps();
     run_timer_stop(&timer, nullptr);
     report_total_time(&timer);
     alarm_done();
 
-    // A Stop pressed during the run turns a completed run into a failed one.
-    if (status == 0 && !progress_pump()) status = -1;
     if (job.flags[3] & JOB_NO_MESSAGE_BOX) return status;
     progress_hide();
     progress_suppress(0);

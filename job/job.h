@@ -8,7 +8,8 @@
 
 // Scans the options, then runs the verbosity step, the file resolution and
 // the output-unit check. 1 when the job may run; 0 after an error whose
-// message is printed. -H prints the help text and ends the process with 0.
+// message is printed; -1 when the file resolution refused the output. -H
+// prints the help text and ends the process with 0.
 int job_parse_options(int argc, char **argv, JobSettings *settings);
 
 // The size in millimetres of the first unit word that begins with word
@@ -29,12 +30,21 @@ int parse_output_format(JobSettings *settings, const char *letters);
 
 // Chooses the formats from the file extensions where no option chose them,
 // opens both files (or takes the standard streams) and forces positive
-// coordinates for the output variants that need them.
+// coordinates for the output variants that need them. 1 when the job may
+// run; 0 after an error that ends the run like an option error; -1 after
+// refusing an output that cannot be written without harm (a directory, the
+// input file itself), which fails the run.
 int job_resolve_files(JobSettings *settings);
-// Opens name with mode, trying default_ext where the name has none. On
-// success *handle is the open file and *path the opened name (owned).
-int job_open_file(JobSettings *settings, const char *name, const char *mode,
-                  const char *default_ext, FILE **handle, char **path);
+// Opens name for reading, trying it with default_ext when it cannot be
+// opened as it is. On success *handle is the open file and *path the opened
+// name (owned); 0 after the message.
+int job_open_input(const char *name, const char *default_ext, FILE **handle, char **path);
+// Opens the output file named name: with default_ext added where the name
+// has none, unless name is an existing device or pipe. 1 with *handle and
+// *path (owned) set; 0 after a failed open; -1 when name is a directory or
+// the file input is open on (the message printed in each case).
+int job_open_output(const char *name, const char *default_ext, FILE *input, FILE **handle,
+                    char **path);
 // Replaces the owned path text *path with a copy of text; 0 after the
 // memory message. job_free_path releases it and leaves null.
 int job_set_path(char **path, const char *text);
@@ -42,9 +52,6 @@ void job_free_path(char **path);
 // The extension of name starting at its dot, or null. Only '/' separates
 // directories.
 const char *file_extension(const char *name);
-// Appends ext to a name without extension; buffer holds 261 bytes. which
-// ("input" or "output") names the file in the too-long message.
-int add_default_extension(char *buffer, const char *ext, const char *which);
-
-// Longest file name the job keeps, without its terminating zero.
-enum { JOB_PATH_MAX = 260 };
+// name with ext appended when it has no extension, else a copy of name;
+// owned (job_free_path), or null after the memory message.
+char *job_name_with_extension(const char *name, const char *ext);

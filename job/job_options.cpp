@@ -284,6 +284,8 @@ int job_parse_options(int argc, char **argv, JobSettings *settings) {
             break;
         }
     }
-    return job_finish_verbosity(settings) && job_resolve_files(settings) &&
-           job_check_output_units(settings);
+    if (!job_finish_verbosity(settings)) return 0;
+    int files = job_resolve_files(settings);
+    if (files <= 0) return files;
+    return job_check_output_units(settings);
 }

@@ -76,9 +76,14 @@ TEST(App, OptionErrorsPrintOnlyTheirMessageAndExitWithZero) {
     }
     // A missing argument is reported by the scanner and the run goes on.
     expect_run({"-o"}, "laytran: option requires an argument -- o\n");
-    // The output file is created before the unit check refuses the job.
-    expect_run({"-o", "out", "-U", "2", "-O", "S"}, units_error("2"), d.path());
-    EXPECT_TRUE(file_exists(d.file("out.slc")));
+    // The unit check refuses the job after the output is opened: neither a
+    // new nor an existing output file is touched.
+    expect_run({"-o", "new", "-U", "2", "-O", "S"}, units_error("2"), d.path());
+    EXPECT_FALSE(file_exists(d.file("new.slc")));
+    write_file(d.file("out.slc"), "old");
+    expect_run({"-o", "out", "-U", "2", "-O", "S"},
+               "laytran(info): output file out.slc already exists\n" + units_error("2"), d.path());
+    EXPECT_EQ(read_file(d.file("out.slc")), "old");
 }
 
 TEST(App, HelpTextEndsTheProcessWithZero) {
@@ -160,9 +165,15 @@ TEST(App, FileNamesAndDefaultExtensions) {
     EXPECT_TRUE(file_exists(d.file("dir.old/part.slc")));
     expect_run({"-o", "missing/x", "-O", "A"},
                "laytran: unable to access (mode:wb) \"missing/x\"\n" + no_file, dir);
-    expect_run({"-o", std::string(257, 'a'), "-O", "A"},
-               "laytran: path to \"output\" is too long.\n", dir);
-    expect_run({"-o", "dir.old/" + std::string(248, 'a'), "-O", "A"}, "", dir);
+    // No length limit but the system's.
+    const std::string long_name = "dir.old/" + std::string(250, 'a');
+    expect_run({"-o", long_name, "-O", "A"}, "", dir);
+    EXPECT_TRUE(file_exists(d.file(long_name + ".cli")));
+    const std::string too_long(300, 'a');
+    expect_run({"-o", too_long, "-O", "A"},
+               "laytran: unable to access (mode:wb) \"" + too_long +
+                   "\"\nlaytran: (File name too long)\n",
+               dir);
 }
 
 TEST(App, ClosingMessageBoxOnlyWhenAskedFor) {

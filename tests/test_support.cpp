@@ -117,42 +117,6 @@ TEST(RunTimer, ReportWording) {
     EXPECT_LT(timer.elapsed, 5.0f);
 }
 
-TEST(Progress, ButtonsAndSwitches) {
-    progress_create();
-    progress_begin("LAYTRAN");
-    progress_set_text(1, "Translating...");
-    progress_set_text(2, "");
-    EXPECT_STREQ(progress_window.caption, "LAYTRAN");
-    EXPECT_STREQ(progress_window.message, "");
-    progress_set_percent(40);
-    EXPECT_EQ(progress_window.position, 40);
-    EXPECT_STREQ(progress_window.percent_text, "40 %");
-
-    progress_suppress(1);
-    progress_show();
-    EXPECT_EQ(progress_window.visible, 0);
-    progress_suppress(0);
-    progress_show();
-    EXPECT_EQ(progress_window.visible, 1);
-
-    progress_on_pause();
-    EXPECT_EQ(paused, 1);
-    EXPECT_EQ(progress_window.pause_enabled, 0);
-    EXPECT_EQ(progress_window.resume_enabled, 1);
-    progress_on_resume();
-    EXPECT_EQ(paused, 0);
-    EXPECT_EQ(progress_window.pause_enabled, 1);
-    EXPECT_EQ(progress_window.resume_enabled, 0);
-    EXPECT_EQ(progress_pump(), 1);
-    progress_on_pause();
-    progress_on_stop();
-    EXPECT_EQ(paused, 0);
-    EXPECT_EQ(progress_window.pause_enabled + progress_window.resume_enabled, 0);
-    EXPECT_EQ(progress_window.stop_enabled, 1);
-    EXPECT_EQ(progress_pump(), 0);
-    progress_create();
-}
-
 TEST(Alarm, SettingAbortCheckAndPercentReport) {
     progress_create();
     alarm_reset();

@@ -153,13 +153,14 @@ TEST(TranslateCli, InputAndOutputErrorsAreBothReportedInputFirst) {
     EXPECT_EQ(r.err, "laytran(info): output file full.cli already exists\n"
                      "laytran: error reading input file (premature EOF (illegal format or "
                      "truncated file or $$GEOMETRYEND missing?))\n"
-                     "laytran: error writing output file (write error)\n");
+                     "laytran: error writing output file (write error: No space left on "
+                     "device)\n");
 
     // A directory opens but cannot be read.
     r = run_laytran({"-F", "C", "-f", ".", "-o", "x.cli"}, dir.path());
     EXPECT_EQ(r.status, 255);
     EXPECT_EQ(r.err, "laytran(info): output file format assumed to be binary CLI\n"
-                     "laytran: error reading input file (read error)\n");
+                     "laytran: error reading input file (read error: Is a directory)\n");
 }
 
 TEST(TranslateCli, AnEarlyEndIsWarnedAboutOnce) {

@@ -7,6 +7,7 @@
 #include "formats/slc/slc.h"
 #include "job/job.h"
 #include "job/job_settings.h"
+#include "support/mm.h"
 #include "translate/translate.h"
 
 namespace {
@@ -20,10 +21,33 @@ void *int_option(intptr_t value) {
     return reinterpret_cast<void *>(value);
 }
 
-const char *input_error_text() {
-    if (job.flags[0] & JOB_IN_CLI) return job.cli_in ? cli_stream_error_text(job.cli_in) : nullptr;
-    if (job.flags[0] & JOB_IN_SLC) return job.slc_in ? slc_stream_error_text(job.slc_in) : nullptr;
+const char *input_error_text(int *system_error) {
+    if (job.flags[0] & JOB_IN_CLI) {
+        *system_error = cli_stream_system_error(job.cli_in);
+        return job.cli_in ? cli_stream_error_text(job.cli_in) : nullptr;
+    }
+    if (job.flags[0] & JOB_IN_SLC) {
+        *system_error = slc_stream_system_error(job.slc_in);
+        return job.slc_in ? slc_stream_error_text(job.slc_in) : nullptr;
+    }
+    *system_error = fdm_stream_system_error(job.fdm_in);
     return job.fdm_in ? fdm_stream_error_text(job.fdm_in) : nullptr;
+}
+
+int output_system_error() {
+    if (job_out_is_cli(job)) return cli_stream_system_error(job.cli_out);
+    if (job.flags[1] & JOB_OUT_SLC) return slc_stream_system_error(job.slc_out);
+    return fdm_stream_system_error(job.fdm_out);
+}
+
+// The stream's text, and the system's where a system call failed.
+void report(const char *what, const char *text, int system_error) {
+    if (system_error != 0) {
+        fprintf(stderr, "%s: error %s file (%s: %s)\n", job.program_name, what, text,
+                sys_error_text(system_error));
+    } else {
+        fprintf(stderr, "%s: error %s file (%s)\n", job.program_name, what, text);
+    }
 }
 
 } // namespace
@@ -89,12 +113,13 @@ int streams_open() {
 
 int streams_check() {
     int result = 1;
-    if (const char *text = input_error_text()) {
-        fprintf(stderr, "%s: error reading input file (%s)\n", job.program_name, text);
+    int system_error = 0;
+    if (const char *text = input_error_text(&system_error)) {
+        report("reading input", text, system_error);
         result = 0;
     }
     if (const char *text = streams_output_error_text()) {
-        fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, text);
+        report("writing output", text, output_system_error());
         return 0;
     }
     return result;
@@ -115,6 +140,7 @@ void streams_close() {
     job.fdm_in = job.fdm_out = nullptr;
     job.current_in = job.current_out = nullptr;
     if (job.in) fclose(job.in);
-    if (job.out) fclose(job.out);
+    // The output file is closed by output_close, which decides whether it
+    // replaces its target.
     job.in = job.out = nullptr;
 }
