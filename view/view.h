@@ -110,10 +110,14 @@ std::uint64_t estimate_html_size(std::uint64_t layers, std::uint64_t paths, std:
                                  std::uint64_t text_bytes = 0);
 std::uint64_t estimate_html_size(const Document &doc);
 
-// The largest viewer that still opens in a few seconds in a current browser
-// on an ordinary machine. Larger inputs should be refused or subsampled (say
-// so in Document::notice).
-inline constexpr std::uint64_t kHtmlSizeLimit = 400ull << 20;
+// The largest viewer we promise opens in a few seconds in a current browser
+// on an ordinary machine: about 37 million points (a page takes 32/3 bytes
+// a point), so every variant of a 100 MB CLI file fits. Headless Chromium
+// on two cores shows a 133 MB page's first layer after about 0.8 s and a
+// 400 MB page's after about 2.5 s, needing about twice the page's size in
+// memory. Callers refuse larger models or subsample them (and say so in
+// Document::notice).
+inline constexpr std::uint64_t kHtmlSizeLimit = 384ull << 20;
 
 // Writes the viewer as one HTML file: scripts, styles and geometry inline,
 // nothing fetched when it opens. Throws Error for an invalid document and

@@ -42,6 +42,7 @@
   };
   var cache = new Map(); // layer index -> decoded layer, least recently used first
   var drawPending = false;
+  var timing = { decodeMs: 0, buildMs: 0, drawMs: 0 }; // of the last layer decoded and the last draw
 
   // ---- geometry --------------------------------------------------------
 
@@ -57,9 +58,13 @@
       cache.set(index, hit);
       return hit;
     }
+    var t0 = performance.now();
     var element = document.getElementById('L' + index);
     var layer = LaytranDecode.decodeLayer(element ? element.textContent : '');
+    var t1 = performance.now();
     layer.shapes = buildShapes(layer);
+    timing.decodeMs = t1 - t0;
+    timing.buildMs = performance.now() - t1;
     cache.set(index, layer);
     if (cache.size > CACHE_SIZE) cache.delete(cache.keys().next().value);
     return layer;
@@ -152,6 +157,7 @@
   }
 
   function draw() {
+    var start = performance.now();
     var dpr = canvas.width / state.width;
     var s = state.scale;
     ctx.setTransform(dpr, 0, 0, dpr, 0, 0);
@@ -181,6 +187,7 @@
     }
     drawRulers();
     drawScaleBar();
+    timing.drawMs = performance.now() - start;
     document.body.setAttribute('data-drawn', String(state.layer));
     if (document.body.getAttribute('data-ready') !== '1') document.body.setAttribute('data-ready', '1');
     prefetch();
@@ -453,6 +460,7 @@
     toScreen: toScreen,
     currentLayer: function () { return state.layer; },
     setLayer: setLayer,
+    timing: timing,
   };
 
   if (document.readyState === 'loading') document.addEventListener('DOMContentLoaded', setUp);

@@ -88,10 +88,12 @@ class Browser {
   }
 
   async close() {
-    await Promise.race([this.send('Browser.close', {}, null).catch(() => {}),
-      new Promise((r) => setTimeout(r, 3000))]);
-    if (this.exited === undefined) this.proc.kill('SIGKILL');
-    fs.rmSync(this.profile, { recursive: true, force: true });
+    const exited = new Promise((r) => (this.exited !== undefined ? r() : this.proc.once('exit', r)));
+    this.send('Browser.close', {}, null).catch(() => {});
+    const timer = setTimeout(() => this.proc.kill('SIGKILL'), 5000);
+    await exited;
+    clearTimeout(timer);
+    fs.rmSync(this.profile, { recursive: true, force: true, maxRetries: 5 });
   }
 }
 
@@ -236,17 +238,20 @@ async function measure(exe, file) {
     await browser.send('Page.navigate', { url: 'file://' + path.resolve(file) });
     await browser.waitFor(`document.body && document.body.dataset.ready === '1'`, 'the first layer', 120000);
     const first = Date.now() - t0;
-    const steps = [];
-    for (let i = 1; i <= 10; i++) {
+    const steps = [], timings = []; // the page's decode/build/draw ms of the last layer
+    const count = Number((await state(browser)).count);
+    for (let i = 1; i <= Math.min(10, count - 1); i++) {
       const t = Date.now();
       await stepTo(browser, 'ArrowRight', 'ArrowRight', 39, i);
       steps.push(Date.now() - t);
+      const page = await browser.eval(`laytranViewer.timing`);
+      timings.push(Object.values(page).map(Math.round).join('/'));
     }
     const t = Date.now();
-    await stepTo(browser, 'End', 'End', 35, Number((await state(browser)).count) - 1);
+    await stepTo(browser, 'End', 'End', 35, count - 1);
     const jump = Date.now() - t;
     const heap = await browser.eval(`performance.memory ? performance.memory.usedJSHeapSize : 0`);
-    console.log(JSON.stringify({ firstLayerMs: first, stepMs: steps, jumpToEndMs: jump,
+    console.log(JSON.stringify({ firstLayerMs: first, stepMs: steps, timings, jumpToEndMs: jump,
       jsHeapMB: Math.round(heap / 1048576), errors: (await state(browser)).errors }));
   } finally {
     await browser.close();

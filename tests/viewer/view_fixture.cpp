@@ -69,8 +69,8 @@ void write_json(const Document &doc, std::ostream &out) {
     out << j;
 }
 
-// Per layer: ten round contours of 400 points and hatches filling the rest
-// of the layer's share of points, on a 200 mm square plate.
+// Per layer: ten round contours of 400 points and hatches taking the rest of
+// the layer's share of points, on a 200 mm square plate.
 Document big_document(double megabytes, unsigned layers) {
     const double kPi = 3.14159265358979;
     auto points = static_cast<std::uint64_t>(megabytes * 1e6 / 8);
@@ -92,11 +92,14 @@ Document big_document(double megabytes, unsigned layers) {
             }
             layer.paths.push_back(std::move(p));
         }
+        // Hatches of 1.8 mm in rows of a hundred across the plate, as a
+        // dense fill of many small parts would give.
         Path h{PathKind::Hatches, Direction::Unknown, {}};
-        for (std::uint64_t k = 0; k + 1 < left; k += 2) {
-            float y = float(200.0 * k / left), shift = float(i % 2);
-            h.points.push_back({shift, y});
-            h.points.push_back({200 - shift, y});
+        std::uint64_t hatches = left / 2, rows = (hatches + 99) / 100;
+        for (std::uint64_t k = 0; k < hatches; k++) {
+            float x = float(2 * (k % 100) + 0.1 * (i % 2)), y = float(200.0 * (k / 100) / rows);
+            h.points.push_back({x, y});
+            h.points.push_back({x + 1.8f, y});
         }
         layer.paths.push_back(std::move(h));
     }
