@@ -4,22 +4,35 @@
 
 #include "support/mm.h"
 
+namespace {
+
+// Makes room for one more record in an array of records of the given size:
+// the capacity doubles (16 at first). 0 when memory is short or the count
+// cannot grow; the array is then unchanged.
+int grow_records(void **array, uint32_t *capacity, uint32_t used, size_t size) {
+    if (used < *capacity) return 1;
+    if (used == UINT32_MAX) return 0;
+    uint32_t grown = *capacity < 8 ? 16 : *capacity > UINT32_MAX / 2 ? UINT32_MAX : *capacity * 2;
+    void *records = mm_realloc(*array, *capacity * size, grown * size);
+    if (!records) return 0;
+    *array = records;
+    *capacity = grown;
+    return 1;
+}
+
+} // namespace
+
 SliceLayer *stack_add_layer(SliceStack *stack) {
-    if (stack->count == stack->capacity) {
-        uint32_t grown = stack->capacity + 10;
-        void *layers = mm_realloc(stack->layers, stack->capacity * sizeof(SliceLayer),
-                                  grown * sizeof(SliceLayer));
-        if (!layers) return nullptr;
-        stack->layers = static_cast<SliceLayer *>(layers);
-        stack->capacity = grown;
-    }
+    void *layers = stack->layers;
+    if (!grow_records(&layers, &stack->capacity, stack->count, sizeof(SliceLayer))) return nullptr;
+    stack->layers = static_cast<SliceLayer *>(layers);
     return &stack->layers[stack->count++];
 }
 
 SliceContour *layer_add_contour(SliceLayer *layer) {
-    void *contours = mm_realloc(layer->contours, layer->held * sizeof(SliceContour),
-                                (layer->held + 1) * sizeof(SliceContour));
-    if (!contours) return nullptr;
+    void *contours = layer->contours;
+    if (!grow_records(&contours, &layer->capacity, layer->held, sizeof(SliceContour)))
+        return nullptr;
     layer->contours = static_cast<SliceContour *>(contours);
     layer->held++;
     if (layer->contour_count < layer->held) layer->contour_count = layer->held;
@@ -107,9 +120,10 @@ bool bounds_negative(const SliceBounds &b) {
 void layer_free(SliceLayer *layer) {
     for (uint32_t j = 0; j < layer->held; j++)
         contour_free_points(&layer->contours[j]);
-    mm_free(layer->contours, layer->held * sizeof(SliceContour), 0);
+    mm_free(layer->contours, layer->capacity * sizeof(SliceContour), 0);
     layer->contours = nullptr;
     layer->held = 0;
+    layer->capacity = 0;
     layer->contour_count = 0;
 }
 

@@ -38,8 +38,9 @@ struct SliceLayer {
     float z;
     float thickness;        // 0 when the input gives none
     uint32_t contour_count; // contours consumers go through
-    uint32_t held;          // contour records allocated
+    uint32_t held;          // contour records in use
     SliceContour *contours; // owned
+    uint32_t capacity;      // contour records the array can take
 };
 
 struct SliceStack {
@@ -64,8 +65,12 @@ inline uint32_t layer_contours_in_use(const SliceLayer &l) {
     return l.contour_count < l.held ? l.contour_count : l.held;
 }
 
+// The layer and contour arrays grow geometrically, so that adding records
+// one by one stays linear; a new record is zero-filled. Null when memory is
+// short (the stack or layer is then unchanged).
 SliceLayer *stack_add_layer(SliceStack *stack);
 SliceContour *layer_add_contour(SliceLayer *layer);
+// Grows the point array to exactly n points when it holds fewer.
 int contour_reserve_points(SliceContour *contour, uint32_t n);
 void contour_free_points(SliceContour *contour);
 
