@@ -153,6 +153,20 @@ TEST(TranslateSlc, GapsSplitContoursAndAreReported) {
     for (size_t at = fdm.find("\nO\n"); at != std::string::npos; at = fdm.find("\nO\n", at + 1))
         opens++;
     EXPECT_EQ(opens, 3u);
+
+    // The total goes past what 32 bits hold.
+    SlcBytes many;
+    many.header("-TYPE PART");
+    many.table({1, 1, 0, 0});
+    for (float z : {1.0f, 2.0f}) {
+        many.layer(z, 1);
+        many.boundary(0x80000000u, {0, 0, 1, 0, 1, 1});
+    }
+    many.layer(2, 0xffffffffu);
+    write_file(dir.file("many.slc"), many.bytes);
+    r = run_laytran({"-f", "many.slc", "-o", "many.slc2", "-O", "S"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(info): input file contains 4294967296 gap(s)\n");
 }
 
 TEST(TranslateSlc, RefusedOutputsAndBadInputFailTheRun) {

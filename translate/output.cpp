@@ -54,7 +54,7 @@ void cli_frame(SliceBounds *b) {
 }
 
 int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) {
-    gap_total += static_cast<int32_t>(c->gaps);
+    gap_total += c->gaps;
     if (c->kind == CONTOUR_PART)
         e->kind = CLI_POLYLINE;
     else if (c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
@@ -135,7 +135,7 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
         }
         for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
             const SliceContour &c = layer.contours[j];
-            gap_total += static_cast<int32_t>(c.gaps);
+            gap_total += c.gaps;
             if (!slc_write_entity(job.slc_out, &c)) {
                 *cause =
                     c.kind == CONTOUR_PART ? NO_MEMORY : "the SLC format holds part contours only";
@@ -147,7 +147,7 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
 }
 
 int write_fdm_contour(FdmStream *fdm_out, const SliceContour *c, FdmContour *f) {
-    gap_total += static_cast<int32_t>(c->gaps);
+    gap_total += c->gaps;
     f->kind = FDM_CONTOUR;
     if (c->gaps != 0)
         f->closure = FDM_OPEN;
