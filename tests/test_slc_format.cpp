@@ -127,6 +127,10 @@ TEST(SlcRead, HeaderScannerHardCases) {
         {"SLCVER 2.0\xffUNIT\xb0MM", "2.0", "", 8, 0, 0}, // bytes above 0x7F separate words
         {"-PACKAGE a,b-c -UNIT MM", "", "A,B", 0, 0, SLC_E_KEYWORD}, // C is no keyword
         {"SLCVER 1.0 FOO UNIT MM", "1.0", "", 0, 0, SLC_E_KEYWORD},
+        // Numbers that are not finite as floats are refused.
+        {"-EXTENTS 0 1e39 0 1 0 1 -UNIT MM", "", "", 0, 0, SLC_E_NUMBER},
+        {"-CHORDDEV -inf", "", "", 0, 0, SLC_E_NUMBER},
+        {"-GAPTOL nan", "", "", 0, 0, SLC_E_NAN},
         // Only the first 2050 characters are scanned: the version is cut.
         {std::string(2040, ' ') + "-SLCVER 1.234 FOO" + std::string(943, 'x'), "1.", "", 0, 0, 0},
     };
@@ -141,16 +145,17 @@ TEST(SlcRead, HeaderScannerHardCases) {
         EXPECT_EQ(r.header.type, k.type);
         // The binary part is found after the Ctrl-Z even after a header error.
         ASSERT_EQ(r.results, (std::vector<int>{2, 0, 0}));
-        EXPECT_EQ(r.contours[0].kind, k.type);
+        // Without a TYPE the contours are part contours.
+        EXPECT_EQ(r.contours[0].kind, k.type ? k.type : CONTOUR_PART);
         EXPECT_EQ(r.contours[0].points[2].y, 6.0f);
     }
     Read r;
-    read_slc(r, one_layer("EXTENTS -1.5,2 -3,4 0,10 GAPTOL abc CHORDDEV 1e-3"));
+    read_slc(r, one_layer("EXTENTS -1.5,2 -3,4 0,10 GAPTOL abc CHORDDEV 3.4028235e38"));
     const double extents[6] = {-1.5, 2, -3, 4, 0, 10};
     for (int i = 0; i < 6; i++)
         EXPECT_EQ(r.header.extents[i], extents[i]);
     EXPECT_EQ(r.header.gap_tolerance, 0.0f);
-    EXPECT_EQ(r.header.chord_deviation, 1e-3f);
+    EXPECT_EQ(r.header.chord_deviation, FLT_MAX);
     EXPECT_EQ(r.error, 0u);
 }
 
@@ -180,46 +185,50 @@ TEST(SlcRead, LayersAndBoundariesWithAnyBuffer) {
     }
 }
 
-TEST(SlcRead, TruncatedAndForeignInput) {
+// Missing bytes are a premature end wherever the file is cut: they must
+// never read as the end record's 0xFFFFFFFF.
+TEST(SlcRead, TruncatedForeignAndNonFiniteInput) {
     const std::string full = one_layer("");
-    const size_t table_end = 258;
+    const size_t vertices = full.size() - 8 - 24; // the first vertex of the boundary
     std::string huge = start("") + f32(1) + u32(1) + u32(0xFFFFFFF0u) + u32(0) + f32(1);
     for (bool regular : {true, false}) {
         SCOPED_TRACE(regular);
-        Read empty, no_ctrl_z, after_table, in_vertices, too_many;
-        read_slc(empty, "", true);
-        EXPECT_EQ(empty.error, SLC_E_EOF);
-        EXPECT_FALSE(empty.has_header);
-        read_slc(no_ctrl_z, "-SLCVER 2.0\r\n", regular);
-        EXPECT_EQ(no_ctrl_z.error, SLC_E_EOF);
-        read_slc(after_table, full.substr(0, table_end), regular); // z reads as NaN
-        EXPECT_EQ(after_table.error, SLC_E_NAN);
+        for (size_t cut = 0; cut < full.size(); cut++) {
+            Read r;
+            read_slc(r, full.substr(0, cut), regular || cut == 0);
+            EXPECT_EQ(r.error, SLC_E_EOF) << cut;
+            EXPECT_EQ(r.results.back(), 0) << cut;
+        }
+        Read in_vertices, too_many;
         // Cut inside the second vertex: a regular file is known to be short,
         // so its point array is never grown.
-        read_slc(in_vertices, full.substr(0, table_end + 16 + 12), regular);
-        EXPECT_EQ(in_vertices.error, SLC_E_NAN);
-        EXPECT_EQ(in_vertices.results, (std::vector<int>{0, 0}));
+        read_slc(in_vertices, full.substr(0, vertices + 12), regular);
         EXPECT_EQ(in_vertices.contours[0].held, regular ? 0u : 1u);
         EXPECT_EQ(in_vertices.contours[0].capacity, regular ? 0u : 3u);
         // A count far beyond the input allocates no more than it holds.
         read_slc(too_many, huge, regular);
-        EXPECT_EQ(too_many.error, SLC_E_NAN);
+        EXPECT_EQ(too_many.error, SLC_E_EOF);
         EXPECT_LE(too_many.contours[0].capacity, 16u);
     }
-}
-
-TEST(SlcStreamBytes, PushbackAndEndOfInput) {
-    std::string data = "ab";
-    FILE *f = input(data, false);
-    SlcStream *s = open_stream(f, SLC_MODE_READ);
-    EXPECT_EQ(slc_getc(s), 'a');
-    EXPECT_TRUE(slc_ungetc(s, 'x') && slc_ungetc(s, 'y') && slc_ungetc(s, 'z'));
-    EXPECT_FALSE(slc_ungetc(s, 'w')); // a fourth byte is refused
-    for (int expected : {int('z'), int('y'), int('x'), int('b'), SLC_EOF, SLC_EOF})
-        EXPECT_EQ(slc_getc(s), expected);
-    EXPECT_EQ(slc_stream_error_text(s), nullptr);
-    slc_destroy(s);
-    fclose(f);
+    const struct {
+        uint32_t bits;
+        size_t at;
+        uint32_t error;
+    } bad[] = {{0x7F800000u, vertices, SLC_E_NUMBER},
+               {0xFF800000u, vertices - 16, SLC_E_NUMBER}, // the layer's z
+               {0x7FC00000u, vertices + 4, SLC_E_NAN}};
+    for (const auto &k : bad) {
+        Read r;
+        read_slc(r, full.substr(0, k.at) + u32(k.bits) + full.substr(k.at + 4));
+        EXPECT_EQ(r.error, k.error);
+    }
+    // No Ctrl-Z in the first 64 KiB: no SLC file, even if one follows.
+    for (size_t lead : {65535u, 65536u}) {
+        Read r;
+        read_slc(r, std::string(lead, '\0') + full, false);
+        EXPECT_EQ(r.error, lead == 65535u ? 0u : SLC_E_NOT_SLC);
+        EXPECT_EQ(r.results.size(), lead == 65535u ? 3u : 2u);
+    }
 }
 
 TEST(SlcWrite, ThreeLayersExactBytesAndReadBack) {
@@ -300,7 +309,8 @@ TEST(SlcWrite, SamplingTableAndRefusals) {
         EXPECT_EQ(ftell(f), 0); // a stream without a boundary writes nothing
         fclose(f);
     }
-    EXPECT_STREQ(slc_error_text(15), "<unknown>");
+    EXPECT_STREQ(slc_error_text(15), "not an SLC file");
+    EXPECT_STREQ(slc_error_text(16), "<unknown>");
 }
 
 TEST(SlcWrite, HeaderRecordUnitFactorAndWriteErrors) {

@@ -96,7 +96,6 @@ int load_slc(SlcStream *slc_in, SliceStack *stack, double *unit) {
             result = 0;
             break;
         }
-        c0.kind = header ? header->type : 0;
         SliceContour *c = layer_add_contour(layer);
         if (!c) {
             result = 0;

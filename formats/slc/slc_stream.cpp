@@ -27,6 +27,7 @@ const char *const error_texts[] = {
     "error in context (programming error?)",
     "illegal argument (programming error?)",
     "limit exceeded",
+    "not an SLC file",
 };
 
 // Alphabetical; the code of a keyword is its place counted from 1.
@@ -264,8 +265,11 @@ uint64_t slc_bytes_left(const SlcStream *s) {
 
 int slc_read_u32_slow(SlcStream *s, uint32_t *out) {
     uint32_t v = 0;
-    for (int i = 0; i < 4; i++)
-        v |= static_cast<uint32_t>(slc_getc(s) & 0xFF) << (8 * i);
+    for (int i = 0; i < 4; i++) {
+        int c = slc_getc(s);
+        if (c == SLC_EOF) return slc_fail(s, SLC_E_EOF);
+        v |= static_cast<uint32_t>(c & 0xFF) << (8 * i);
+    }
     if (s->io_failed) return 0;
     *out = v;
     return 1;
