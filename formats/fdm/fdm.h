@@ -76,7 +76,11 @@ enum : uint32_t {
     FDM_E_MEMORY = 11,
     FDM_E_CONTEXT = 12,
     FDM_E_ARGUMENT = 13,
+    FDM_E_NOT_FDM = 14, // nothing but delimiters and comments in the first FDM_START_SEARCH bytes
 };
+
+// An input whose first this many bytes hold no word is no FDM slice file.
+constexpr uint32_t FDM_START_SEARCH = 0x10000;
 
 struct FdmStream;
 
