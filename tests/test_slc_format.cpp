@@ -1,4 +1,5 @@
 #include <cfloat>
+#include <cmath>
 #include <cstring>
 #include <gtest/gtest.h>
 #include <random>
@@ -100,13 +101,15 @@ std::string file_bytes(FILE *f) {
 SlicePoint square[4] = {{0, 0}, {2, 0}, {2, 3.5f}, {0, 0}};
 const SliceContour part = {CONTOUR_PART, 4, 0, 4, 4, square, 0, 0};
 
-void write_three_layers(SlcStream *s) {
+void write_three_layers(SlcStream *s, uint32_t kind = CONTOUR_PART) {
     const float levels[] = {0.1f, 0.2f, 0.3f, FLT_MAX};
     ASSERT_TRUE(slc_set_sampling_levels(s, levels, nullptr));
+    SliceContour c = part;
+    c.kind = kind;
     for (int i = 0; i < 3; i++) {
         SlcLayerInfo layer = {levels[i], 0, 1};
         ASSERT_TRUE(slc_set_option(s, SLC_OPT_LAYER, &layer));
-        ASSERT_TRUE(slc_write_entity(s, &part));
+        ASSERT_TRUE(slc_write_entity(s, &c));
     }
 }
 
@@ -279,12 +282,16 @@ TEST(SlcWrite, SamplingTableAndRefusals) {
     EXPECT_FALSE(slc_set_option(s, SLC_OPT_SAMPLE, &e));
     EXPECT_STREQ(slc_stream_error_text(s), "limit exceeded");
 
-    SlcLayerInfo layer = {1.0f, 0.5f, 2}, same = {1.0f, 0, 7}, got;
+    SlcLayerInfo layer = {0.5f, 0.5f, 2}, same = {0.5f, 0, 7}, got;
     EXPECT_FALSE(slc_write_entity(s, &part)); // no layer yet
     ASSERT_TRUE(slc_set_option(s, SLC_OPT_LAYER, &layer));
     ASSERT_TRUE(slc_set_option(s, SLC_OPT_LAYER, &same)); // the same z keeps the first count
     slc_get_option(s, SLC_OPT_LAYER, &got);
     EXPECT_EQ(got.count, 2u);
+    same.z = std::nextafter(0.5f, 1.0f); // the next float is another layer
+    ASSERT_TRUE(slc_set_option(s, SLC_OPT_LAYER, &same));
+    slc_get_option(s, SLC_OPT_LAYER, &got);
+    EXPECT_EQ(got.count, 7u);
     ASSERT_TRUE(slc_write_entity(s, &part));
     SliceContour support = part, broken = part;
     support.kind = CONTOUR_SUPPORT;
@@ -320,7 +327,7 @@ TEST(SlcWrite, HeaderRecordUnitFactorAndWriteErrors) {
     h.type = SLC_KW_SUPPORT;
     strcpy(h.package, "pkg, with spaces");
     ASSERT_TRUE(slc_set_option(s, SLC_OPT_HEADER, &h));
-    write_three_layers(s);
+    write_three_layers(s, CONTOUR_SUPPORT);
     slc_destroy(s);
     const std::string text =
         "-SLCVER 2.0\n-UNIT MM \n-TYPE -SUPPORT \n-PACKAGE pkg, with spaces\n\r\n\x1a";

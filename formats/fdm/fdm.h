@@ -114,7 +114,8 @@ int fdm_read_contour(FdmStream *s, FdmContour *c);
 
 // Writes c (kind FDM_CONTOUR, at least one point) into the current layer;
 // the header and the first Z line go out first. A contour whose last point
-// equals its first is closed and written without the repeated point.
+// equals its first is closed and written without the repeated point. A null
+// c only writes the header and the Z line when they are not out yet.
 int fdm_write_contour(FdmStream *s, const FdmContour *c);
 
 // Grows the point array to hold at least n points (new points are zero).

@@ -126,7 +126,10 @@ int slc_stream_system_error(const SlcStream *s);
 int slc_read_boundary(SlcStream *s, SliceContour *c);
 
 // Writes c as a boundary of the current layer; the header block goes out
-// with the first boundary. Only CONTOUR_PART contours are accepted.
+// with the first boundary, or when c is null (which writes nothing else, so
+// that a layer without boundaries keeps its record). Only contours of the
+// header's TYPE (CONTOUR_PART by default) are accepted; others give 0 and
+// record nothing.
 int slc_write_entity(SlcStream *s, const SliceContour *c);
 
 // Builds the sampling table from increasing z levels ended by FLT_MAX: one

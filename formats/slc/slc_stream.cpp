@@ -2,7 +2,6 @@
 // and the unit factor.
 #include <cerrno>
 #include <cfloat>
-#include <cmath>
 #include <cstring>
 
 #include "formats/slc/slc_internal.h"
@@ -148,7 +147,9 @@ int slc_set_option(SlcStream *s, int code, void *value) {
     case SLC_OPT_LAYER: {
         if (!writing) return 0;
         const SlcLayerInfo *layer = static_cast<const SlcLayerInfo *>(value);
-        if (std::fabs(static_cast<double>(layer->z) - s->layer_z) < FLT_EPSILON) return 1;
+        // Only the very same z is the same layer: levels closer than that are
+        // distinct layers, whose boundaries must not join the previous one.
+        if (layer->z == s->layer_z) return 1;
         if (!(s->flags & SLC_F_HEADER_PENDING) &&
             !slc_write_layer_record(s, layer->z, layer->count))
             return 0;
