@@ -169,32 +169,71 @@ TEST(TranslateSlc, GapsSplitContoursAndAreReported) {
     EXPECT_EQ(r.err, "laytran(info): input file contains 4294967296 gap(s)\n");
 }
 
-TEST(TranslateSlc, RefusedOutputsAndBadInputFailTheRun) {
+// Each broken input or unfit value fails the run with its own message.
+TEST(TranslateFormats, BrokenInputsAndValuesBeyondFloatRangeFailTheRun) {
     TempDir dir;
-    write_file(dir.file("hatch.cli"),
-               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
-               "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$LAYER/0.2\n$$HATCHES/1,1,0,0,1,1\n"
-               "$$GEOMETRYEND\n");
-    RunResult r = run_laytran({"-f", "hatch.cli", "-o", "out.slc"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err,
-              "laytran: error writing output file (the SLC format holds part contours only)\n");
-
-    write_file(dir.file("one.cli"), "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n"
-                                    "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n");
-    r = run_laytran({"-f", "one.cli", "-o", "one.slc"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err,
-              "laytran: error writing output file (the SLC format needs at least two layers)\n");
-    EXPECT_EQ(read_file(dir.file("one.slc")), "");
-
-    write_file(dir.file("empty.slc"), "");
-    r = run_laytran({"-f", "empty.slc", "-o", "empty.cli"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    const std::string eof = "laytran: error reading input file (premature EOF (not an SLC file or "
-                            "truncated file?))\n";
-    EXPECT_EQ(r.err, "laytran(info): output file format assumed to be binary CLI\n" + eof + eof +
-                         "laytran(info): input file contains no gaps\n");
+    auto slc = [](float x) {
+        SlcBytes b;
+        b.header("-TYPE PART");
+        b.table({1, 1, 0, 0});
+        for (float z : {1.0f, 2.0f}) {
+            b.layer(z, 1);
+            b.boundary(0, {-3e38f, 0, x, 0, 1, 1});
+        }
+        b.layer(2, 0xffffffffu);
+        return b.bytes;
+    };
+    // A reading error is printed after the load and again after the run.
+    auto reading = [](const std::string &text) {
+        const std::string line = "laytran: error reading input file (" + text + ")\n";
+        return line + line;
+    };
+    const std::string eof = reading("premature EOF (not an SLC file or truncated file?)");
+    const std::string gaps = "laytran(info): input file contains no gaps\n";
+    const struct {
+        std::string name, bytes;
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {"one.cli",
+         "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.1\n"
+         "$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n",
+         {"-O", "S"},
+         "laytran: error writing output file (the SLC format needs at least two layers)\n"},
+        {"empty.slc", "", {}, eof + gaps},
+        {"cut.slc", slc(1).substr(0, slc(1).size() - 1), {}, eof + gaps},
+        {"inf.slc", slc(INFINITY), {}, reading("illegal number") + gaps},
+        {"/dev/zero", "", {"-F", "S"}, reading("not an SLC file") + gaps},
+        {"/dev/zero", "", {"-F", "F"}, reading("not an FDM file")},
+        {"big.ssl", "SLICE Z 1 .005 1 1e39 C", {}, reading("illegal number")},
+        {"long.ssl",
+         "SLICE Z 1 .005 1 " + std::string(100, '1') + " C",
+         {},
+         reading("illegal number")},
+        {"open.ssl", "SLICE Z 1 .005 1 1 2 2", {}, reading("illegal keyword")},
+        {"lone.ssl", "SLICE Z 1 .005 1 1 2 2 C C\n", {}, reading("illegal keyword")},
+        {"scale.slc",
+         slc(3e38f),
+         {"-U", "0.001"},
+         "laytran: scaling by 1000 to the output unit makes a coordinate of layer 1 infinite "
+         "(choose a larger unit with -U)\n" +
+             gaps},
+        {"move.slc",
+         slc(3e38f),
+         {"-P", "-O", "S"},
+         "laytran(WARNING): model is not entirely in the positive quadrant\n"
+         "laytran(info): moving the model by XYZ=+3e+38,+0,+0\n"
+         "laytran: moving the model makes a coordinate of layer 1 infinite\n" +
+             gaps},
+    };
+    for (const auto &k : cases) {
+        if (k.name[0] != '/') write_file(dir.file(k.name), k.bytes);
+        std::vector<std::string> args = {"-f", k.name, "-O", "A"};
+        args.insert(args.end(), k.args.begin(), k.args.end());
+        RunResult r = run_laytran(args, dir.path());
+        EXPECT_EQ(r.status, 255) << k.name;
+        EXPECT_EQ(r.err, k.err) << k.name;
+    }
 }
 
 TEST(TranslateFdm, InchesToCliAndMillimetresToInches) {

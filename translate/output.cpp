@@ -20,20 +20,27 @@ constexpr double FDM_LAYER_THICKNESS = 0.005;
 
 const char *const NO_MEMORY = "no more memory";
 
-void place_model(SliceStack *stack, SliceBounds *b) {
+// Warns about negative coordinates and, with -P, moves the model. 0 (after
+// the message) when the move takes a value beyond float range.
+int place_model(SliceStack *stack, SliceBounds *b) {
     const char *name = job.program_name;
     fprintf(stderr, "%s(WARNING): model is not entirely in the positive quadrant\n", name);
     if (!(job.flags[1] & JOB_POSITIVE)) {
         fprintf(stderr, "%s(info): the minimum xyz-coordinates are %g, %g, and %g\n", name, b->xmin,
                 b->ymin, b->zmin);
         fprintf(stderr, "%s(info): the option -P can be used to move the model\n", name);
-        return;
+        return 1;
     }
     double dx = b->xmin < 0.0 ? -b->xmin : 0.0;
     double dy = b->ymin < 0.0 ? -b->ymin : 0.0;
     double dz = b->zmin < 0.0 ? -b->zmin : 0.0;
-    stack_translate(stack, dx, dy, dz);
+    uint32_t bad = stack_translate(stack, dx, dy, dz);
     fprintf(stderr, "%s(info): moving the model by XYZ=+%g,+%g,+%g\n", name, dx, dy, dz);
+    if (bad < stack->count) {
+        fprintf(stderr, "%s: moving the model makes a coordinate of layer %u infinite\n", name,
+                bad + 1);
+        return 0;
+    }
     b->xmin += dx;
     b->xmax += dx;
     b->ymin += dy;
@@ -44,6 +51,7 @@ void place_model(SliceStack *stack, SliceBounds *b) {
         fprintf(stderr, "%s(info): min. z-coordinate places the part close to,", name);
         fputs(" or on the platform\n", stderr);
     }
+    return 1;
 }
 
 } // namespace
@@ -231,6 +239,7 @@ int translate_job() {
     }
 
     const char *cause = nullptr;
+    int placed = 1;
     if (loaded) {
         double u_out;
         if (job.flags[1] & JOB_UNITS_SET) {
@@ -246,12 +255,23 @@ int translate_job() {
         }
 
         SliceBounds bounds;
-        stack_scale(&stack, u_in / u_out, &bounds);
-        if (bounds_negative(bounds)) place_model(&stack, &bounds);
-        if (job.reverse != 0) stack_reverse(&stack);
+        const double factor = u_in / u_out;
+        const uint32_t bad = stack_scale(&stack, factor, &bounds);
+        if (bad < stack.count) {
+            fprintf(stderr,
+                    "%s: scaling by %g to the output unit makes a coordinate of layer %u infinite "
+                    "(choose a larger unit with -U)\n",
+                    job.program_name, factor, bad + 1);
+            placed = 0;
+        } else if (bounds_negative(bounds)) {
+            placed = place_model(&stack, &bounds);
+        }
+        if (placed && job.reverse != 0) stack_reverse(&stack);
 
-        int written;
-        if (out_cli) {
+        int written = 0;
+        if (!placed) {
+            // nothing is written
+        } else if (out_cli) {
             cli_frame(&bounds);
             header->xmin = bounds.xmin;
             header->xmax = bounds.xmax;
@@ -275,7 +295,7 @@ int translate_job() {
     if (job.cli_out) cli_finish(job.cli_out);
     if (job.slc_out) slc_finish(job.slc_out);
     if (job.fdm_out) fdm_finish(job.fdm_out);
-    int result = streams_check();
+    int result = streams_check() && placed;
     if (cause) {
         fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, cause);
         result = 0;

@@ -75,10 +75,14 @@ int contour_reserve_points(SliceContour *contour, uint32_t n);
 void contour_free_points(SliceContour *contour);
 
 // Multiplies every level and coordinate by factor and returns the bounds of
-// the result. Gap marks keep their value and stay out of the bounds.
-void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds);
-// Moves every level and coordinate; gap marks are left as they are.
-void stack_translate(SliceStack *stack, double dx, double dy, double dz);
+// the result. Gap marks keep their value and stay out of the bounds. The
+// result is the index of the first layer where a value does not come out
+// as a finite float (such values are stored as 0), or the layer count when
+// every value does.
+uint32_t stack_scale(SliceStack *stack, double factor, SliceBounds *bounds);
+// Moves every level and coordinate; gap marks are left as they are. The
+// result is as for stack_scale.
+uint32_t stack_translate(SliceStack *stack, double dx, double dy, double dz);
 void contour_reverse(SliceContour *contour);
 void stack_reverse(SliceStack *stack);
 bool bounds_negative(const SliceBounds &bounds);
