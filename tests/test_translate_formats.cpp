@@ -312,3 +312,38 @@ TEST(TranslateFormats, EveryPairingCarriesTheModel) {
     }
     EXPECT_EQ(pairings, 21);
 }
+
+// An input without elements still gives a whole file (it was a lone
+// $$GEOMETRYEND, even for binary output) and a warning; SLC needs two layers.
+TEST(TranslateFormats, InputWithoutGeometryMakesAWholeFileAndAWarning) {
+    TempDir dir;
+    const std::string warning = "laytran(WARNING): the input holds no geometry\n";
+    write_file(dir.file("e.ssl"), "SLICE V0\nSLICES ()\nZ 1 .005\nEND\n");
+    for (const std::string form : {"A", "b", "a", "s", "as", "F"}) {
+        const std::string out = "e-" + form + (form == "F" ? ".ssl" : ".cli");
+        RunResult r = run_laytran({"-f", "e.ssl", "-o", out, "-O", form, "-V", "0"}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        const bool positive = form == "a" || form == "s" || form == "as";
+        EXPECT_EQ(r.err, (positive ? "laytran(info): setting -P (output format requires positive "
+                                     "numbers)\n"
+                                   : "") +
+                             warning)
+            << form;
+        const std::string bytes = read_file(dir.file(out));
+        if (form == "F") {
+            EXPECT_EQ(bytes, "SLICE V0\nSLICES ()\nZ   0. .005\nEND\n");
+        } else {
+            EXPECT_EQ(bytes.substr(0, 16), "$$HEADERSTART\n$$");
+            EXPECT_NE(bytes.find("$$HEADEREND"), std::string::npos) << form;
+        }
+        // What was written reads back as a whole file without geometry.
+        r = run_laytran({"-f", out, "-O", "A", "-V", "0"}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        EXPECT_EQ(r.err, warning) << form;
+    }
+    // SLC needs two layers.
+    RunResult r = run_laytran({"-f", "e.ssl", "-o", "e.slc"}, dir.path());
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err, warning + "laytran: error writing output file (the SLC format needs at least "
+                               "two layers)\n");
+}

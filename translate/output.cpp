@@ -209,6 +209,8 @@ int write_fdm(const SliceStack *stack, const char **cause) {
         }
     }
     fdm_free_points(&f);
+    // The header goes out even when no contour did, so that the file is whole.
+    if (result) result = fdm_write_contour(job.fdm_out, nullptr);
     if (!result) *cause = NO_MEMORY;
     return result;
 }
@@ -241,6 +243,9 @@ int translate_job() {
     const char *cause = nullptr;
     int placed = 1;
     if (loaded) {
+        // A CLI input that failed to read is reported as such at the end.
+        if (stack.count == 0 && !(in_cli && cli_stream_error_text(job.cli_in)))
+            fprintf(stderr, "%s(WARNING): the input holds no geometry\n", job.program_name);
         double u_out;
         if (job.flags[1] & JOB_UNITS_SET) {
             u_out = job.units;
@@ -280,6 +285,9 @@ int translate_job() {
             header->zmin = bounds.zmin;
             header->zmax = bounds.zmax;
             written = write_cli(&stack, header, &cause);
+            // A model without elements still makes a whole file: the header
+            // and an empty geometry.
+            if (written) written = cli_write_element(job.cli_out, nullptr);
         } else if (job.flags[1] & JOB_OUT_SLC) {
             written = write_slc(&stack, u_out, &cause);
         } else {
