@@ -291,6 +291,10 @@ TEST(TranslateFormats, EveryPairingCarriesTheModel) {
                                   dir.path());
         ASSERT_EQ(r.status, 0) << r.err;
     }
+    // The SLC input has no TYPE, as some writers make them: part contours.
+    std::string slc = read_file(dir.file("model-in.slc"));
+    ASSERT_EQ(slc.substr(12, 24), "-UNIT MM \n-TYPE PART \n-P");
+    write_file(dir.file("model-in.slc"), slc.erase(22, 12));
     RunResult r = run_laytran({"-f", "model.cli", "-O", "A"}, dir.path());
     Geometry reference = parse_ascii_cli(r.out);
     ASSERT_EQ(reference.layers.size(), 3u);
@@ -311,6 +315,82 @@ TEST(TranslateFormats, EveryPairingCarriesTheModel) {
         }
     }
     EXPECT_EQ(pairings, 21);
+}
+
+// What SLC and FDM cannot hold is left out with one warning: CLI hatches
+// (which FDM once joined into one zigzag contour) and SLC support contours.
+TEST(TranslateFormats, HatchesAndSupportAreLeftOutOfSlcAndFdmWithOneWarning) {
+    TempDir dir;
+    // Millimetres at the FDM layer spacing; the first layer holds hatches only.
+    write_file(
+        dir.file("h.cli"),
+        "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.127\n"
+        "$$HATCHES/2,2,0,0,25.4,0,0,12.7,25.4,12.7\n$$HATCHES/3,1,0,12.7,25.4,0\n"
+        "$$LAYER/0.254\n$$POLYLINE/1,1,4,0,0,25.4,0,25.4,12.7,0,0\n$$HATCHES/2,1,0,0,25.4,12.7\n"
+        "$$LAYER/0.381\n$$POLYLINE/1,1,3,12.7,0,25.4,12.7,12.7,12.7\n$$GEOMETRYEND\n");
+    RunResult r = run_laytran({"-f", "h.cli", "-o", "h.slc"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): the SLC format holds part contours only: 3 hatch blocks "
+                     "were left out\n");
+    SlcBytes want; // every layer keeps its record, the first one without boundaries
+    want.header(SLC_HEADER_MM);
+    want.table({0.127f, 0.254f - 0.127f, 0, 0});
+    want.layer(0.127f, 0);
+    want.layer(0.254f, 1);
+    want.boundary(0, {0, 0, 25.4f, 0, 25.4f, 12.7f, 0, 0});
+    want.layer(0.381f, 1);
+    want.boundary(0, {12.7f, 0, 25.4f, 12.7f, 12.7f, 12.7f});
+    want.layer(0.381f, 0xffffffffu);
+    EXPECT_EQ(read_file(dir.file("h.slc")), want.bytes);
+
+    r = run_laytran({"-f", "h.cli", "-o", "h.ssl"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): the FDM format holds part contours only: 3 hatch blocks "
+                     "were left out\n");
+    EXPECT_EQ(read_file(dir.file("h.ssl")),
+              "SLICE V0\nSLICES ()\nZ   0.01 .005\n  0.   0.\n  1.   0.\n  1.   0.5\nC\n"
+              "Z   0.015 .005\n  0.5   0.\n  1.   0.5\n  0.5   0.5\nO\nEND\n");
+
+    // CLI holds them all (the short form cuts the levels to whole units).
+    auto elements = [](const std::string &cli) {
+        std::string kept;
+        for (size_t at = cli.find("\n$$"); at != std::string::npos; at = cli.find("\n$$", at + 1)) {
+            if (cli.compare(at + 3, 5, "POLYL") == 0 || cli.compare(at + 3, 5, "HATCH") == 0)
+                kept += cli.substr(at + 1, cli.find('\n', at + 1) - at);
+        }
+        return kept;
+    };
+    r = run_laytran({"-f", "h.cli", "-O", "A"}, dir.path());
+    EXPECT_EQ(r.err, "");
+    const std::string reference = elements(r.out);
+    EXPECT_NE(reference.find("$$HATCHES/3,1,0.,1270.,2540.,0.\n"), std::string::npos);
+    for (const char *form : {"b", "a", "s", "as"}) {
+        r = run_laytran({"-f", "h.cli", "-o", std::string("h-") + form, "-O", form}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        r = run_laytran({"-f", std::string("h-") + form, "-O", "A"}, dir.path());
+        EXPECT_EQ(elements(r.out), reference) << form;
+    }
+
+    // An SLC file of support contours stays one; FDM has no place for them.
+    SlcBytes support;
+    support.header("-SLCVER 2.0\n-UNIT MM \n-TYPE -SUPPORT \n-PACKAGE Vantorell/Plexo_Forge_3.3\n");
+    support.table({1, 1, 0, 0});
+    for (float z : {1.0f, 2.0f}) {
+        support.layer(z, 1);
+        support.boundary(0, {0, 0, 1, 0, 1, 1, 0, 0});
+    }
+    support.layer(2, 0xffffffffu);
+    write_file(dir.file("s.slc"), support.bytes);
+    r = run_laytran({"-f", "s.slc", "-o", "s2.slc", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(read_file(dir.file("s2.slc")), support.bytes);
+    r = run_laytran({"-f", "s.slc", "-o", "s.ssl", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): layer thickness must be 0.005\n"
+                     "laytran(WARNING): the FDM format holds part contours only: 2 support "
+                     "contours were left out\n");
+    EXPECT_EQ(read_file(dir.file("s.ssl")), "SLICE V0\nSLICES ()\nZ   0.07874  0.03937\nEND\n");
 }
 
 // An input without elements still gives a whole file (it was a lone

@@ -25,7 +25,7 @@ int contour_from_cli(const CliElement *e, SliceLayer *layer) {
     SliceContour *c = layer_add_contour(layer);
     if (!c || !contour_reserve_points(c, e->read)) return 0;
     if (e->kind == CLI_HATCHES)
-        c->kind = CONTOUR_SUPPORT;
+        c->kind = CONTOUR_HATCHES;
     else if (e->kind == CLI_POLYLINE)
         c->kind = CONTOUR_PART;
     c->direction = e->dir;

@@ -1,5 +1,6 @@
 // The heart of a run: load, convert units, place, reverse and write.
 #include <cfloat>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 
@@ -54,6 +55,67 @@ int place_model(SliceStack *stack, SliceBounds *b) {
     return 1;
 }
 
+// Contours an output format cannot hold, counted by what they were.
+struct LeftOut {
+    uint64_t hatches, support, web, other;
+};
+
+void leave_out(LeftOut *left, const SliceContour &c) {
+    gap_total += c.gaps; // the gap report speaks of the whole input
+    if (c.kind == CONTOUR_HATCHES)
+        left->hatches++;
+    else if (c.kind == CONTOUR_SUPPORT)
+        left->support++;
+    else if (c.kind == CONTOUR_WEB)
+        left->web++;
+    else
+        left->other++;
+}
+
+// One warning for everything the output format left out, such as
+// "the SLC format holds part contours only: 2 hatch blocks were left out".
+void report_left_out(const char *format, const LeftOut &left) {
+    const struct {
+        uint64_t n;
+        const char *one, *many;
+    } kinds[] = {{left.hatches, "hatch block", "hatch blocks"},
+                 {left.support, "support contour", "support contours"},
+                 {left.web, "web contour", "web contours"},
+                 {left.other, "contour of another type", "contours of another type"}};
+    uint64_t total = 0;
+    int items = 0;
+    for (const auto &k : kinds) {
+        total += k.n;
+        items += k.n != 0;
+    }
+    if (total == 0) return;
+    fprintf(stderr, "%s(WARNING): the %s format holds part contours only: ", job.program_name,
+            format);
+    int listed = 0;
+    for (const auto &k : kinds) {
+        if (k.n == 0) continue;
+        if (listed > 0) fputs(listed == items - 1 ? " and " : ", ", stderr);
+        fprintf(stderr, "%" PRIu64 " %s", k.n, k.n == 1 ? k.one : k.many);
+        listed++;
+    }
+    fprintf(stderr, " %s left out\n", total == 1 ? "was" : "were");
+}
+
+// The one contour kind an SLC file of the model holds: part contours, or
+// for a model of support (or web) contours alone, those, under their TYPE.
+uint32_t slc_kind(const SliceStack *stack) {
+    uint32_t kind = 0;
+    for (uint32_t i = 0; i < stack->count; i++) {
+        const SliceLayer &layer = stack->layers[i];
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+            const uint32_t k = layer.contours[j].kind;
+            if (k == CONTOUR_PART) return CONTOUR_PART;
+            if (kind == 0 && (k == CONTOUR_SUPPORT || k == CONTOUR_WEB)) kind = k;
+        }
+    }
+    return kind ? kind : CONTOUR_PART;
+}
+
 } // namespace
 
 void cli_frame(SliceBounds *b) {
@@ -65,7 +127,7 @@ int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) 
     gap_total += c->gaps;
     if (c->kind == CONTOUR_PART)
         e->kind = CLI_POLYLINE;
-    else if (c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
+    else if (c->kind == CONTOUR_HATCHES || c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
         e->kind = CLI_HATCHES;
     e->dir = c->direction;
     e->id = c->id;
@@ -113,12 +175,11 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
         *cause = "the SLC format needs at least two layers";
         return 0;
     }
-    // Inch coordinates get a header that says so.
-    if (out_unit == INCH) {
-        SlcHeader header = {};
-        header.unit = SLC_KW_INCH;
-        slc_set_option(job.slc_out, SLC_OPT_HEADER, &header);
-    }
+    const uint32_t kind = slc_kind(stack);
+    SlcHeader header = {};
+    header.unit = out_unit == INCH ? SLC_KW_INCH : 0u; // inch coordinates get a header that says so
+    header.type = kind;
+    slc_set_option(job.slc_out, SLC_OPT_HEADER, &header);
     size_t size = (stack->count + 1) * sizeof(float);
     float *levels = static_cast<float *>(mm_malloc(size));
     if (!levels) {
@@ -134,23 +195,33 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
         *cause = "the SLC format needs at least two layers";
         return 0;
     }
+    // Every layer keeps its record, also one whose contours are all left out.
+    LeftOut left = {};
     for (uint32_t i = 0; i < stack->count; i++) {
         const SliceLayer &layer = stack->layers[i];
-        SlcLayerInfo info = {layer.z, layer.thickness, layer_contours_in_use(layer)};
-        if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info)) {
+        const uint32_t n = layer_contours_in_use(layer);
+        SlcLayerInfo info = {layer.z, layer.thickness, 0};
+        for (uint32_t j = 0; j < n; j++)
+            info.count += layer.contours[j].kind == kind;
+        if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info) ||
+            (i == 0 && !slc_write_entity(job.slc_out, nullptr))) {
             *cause = NO_MEMORY;
             return 0;
         }
-        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+        for (uint32_t j = 0; j < n; j++) {
             const SliceContour &c = layer.contours[j];
+            if (c.kind != kind) {
+                leave_out(&left, c);
+                continue;
+            }
             gap_total += c.gaps;
             if (!slc_write_entity(job.slc_out, &c)) {
-                *cause =
-                    c.kind == CONTOUR_PART ? NO_MEMORY : "the SLC format holds part contours only";
+                *cause = NO_MEMORY;
                 return 0;
             }
         }
     }
+    report_left_out("SLC", left);
     return 1;
 }
 
@@ -185,6 +256,7 @@ int write_fdm(const SliceStack *stack, const char **cause) {
     double prev_z = 0.0;
     bool warned = false;
     FdmContour f = {};
+    LeftOut left = {};
     int result = 1;
     for (uint32_t i = 0; i < stack->count && result; i++) {
         const SliceLayer &layer = stack->layers[i];
@@ -205,13 +277,18 @@ int write_fdm(const SliceStack *stack, const char **cause) {
         double values[2] = {layer.z, thickness};
         fdm_set_option(job.fdm_out, FDM_OPT_LAYER, values);
         for (uint32_t j = 0; j < layer_contours_in_use(layer) && result; j++) {
-            result = write_fdm_contour(job.fdm_out, &layer.contours[j], &f);
+            const SliceContour &c = layer.contours[j];
+            if (c.kind == CONTOUR_PART)
+                result = write_fdm_contour(job.fdm_out, &c, &f);
+            else
+                leave_out(&left, c);
         }
     }
     fdm_free_points(&f);
     // The header goes out even when no contour did, so that the file is whole.
     if (result) result = fdm_write_contour(job.fdm_out, nullptr);
     if (!result) *cause = NO_MEMORY;
+    if (result) report_left_out("FDM", left);
     return result;
 }
 

@@ -8,10 +8,13 @@
 
 #include <cstdint>
 
+// Contour kinds. The first three are the SLC type keyword codes, so that an
+// SLC contour's kind is its file's TYPE.
 enum : uint32_t {
     CONTOUR_PART = 10,
     CONTOUR_SUPPORT = 12,
     CONTOUR_WEB = 16,
+    CONTOUR_HATCHES = 256, // a CLI block of hatches: each two points are one line
 };
 
 // A point with both coordinates at the largest float marks a gap in a
@@ -24,7 +27,7 @@ struct SlicePoint {
 };
 
 struct SliceContour {
-    uint32_t kind;      // CONTOUR_PART, CONTOUR_SUPPORT, CONTOUR_WEB or 0
+    uint32_t kind;      // CONTOUR_PART, ... (an SLC TYPE may give another keyword code)
     uint32_t count;     // point count
     uint32_t gaps;      // gap count (SLC input only)
     uint32_t held;      // points actually stored
