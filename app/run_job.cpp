@@ -1,6 +1,7 @@
 #include "app/run_job.h"
 
 #include <cerrno>
+#include <cinttypes>
 #include <cstdio>
 #include <cstring>
 
@@ -20,7 +21,8 @@ const char FAILED_TEXT[] = "Slice file conversion failed. Please check the log f
 void report_gaps() {
     if (!(job.flags[0] & JOB_IN_SLC) || job.verbosity < 1 || job.verbosity > 6) return;
     if (gap_total != 0) {
-        fprintf(stderr, "%s(info): input file contains %d gap(s)\n", job.program_name, gap_total);
+        fprintf(stderr, "%s(info): input file contains %" PRId64 " gap(s)\n", job.program_name,
+                gap_total);
     } else {
         fprintf(stderr, "%s(info): input file contains no gaps\n", job.program_name);
     }

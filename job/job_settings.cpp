@@ -3,7 +3,7 @@
 #include <cstring>
 
 JobSettings job;
-int32_t gap_total;
+int64_t gap_total;
 
 const char *const JOB_PROGRAM_NAME = "laytran";
 const char *const JOB_ID = "LAYTRAN 3.0a";

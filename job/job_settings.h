@@ -63,7 +63,7 @@ struct JobSettings {
 
 extern JobSettings job;
 // Gaps counted while writing the output.
-extern int32_t gap_total;
+extern int64_t gap_total;
 
 // The name every message carries once the options are parsed.
 extern const char *const JOB_PROGRAM_NAME;

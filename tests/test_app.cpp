@@ -46,10 +46,11 @@ const char MODEL_CLI[] = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOM
                          "$$LAYER/0.127\n$$POLYLINE/1,1,3,0,0,1,0,1,1\n"
                          "$$LAYER/0.254\n$$POLYLINE/1,1,3,0,0,1,0,1,1\n$$GEOMETRYEND\n";
 
-// An SLC file with an empty header and no layers.
+// An SLC file with an empty header and one layer holding one boundary
+// without vertices.
 std::string empty_slc() {
     return std::string("\x1a") + std::string(256, '\0') + std::string(5, '\0') +
-           std::string(4, '\xff');
+           std::string("\x01\0\0\0", 4) + std::string(12, '\0') + std::string(4, '\xff');
 }
 
 // Runs in dir and expects exit status 0 and exactly err on the error stream.

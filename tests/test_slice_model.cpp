@@ -8,29 +8,46 @@ namespace {
 SliceContour *add_contour(SliceLayer *layer, std::initializer_list<SlicePoint> points) {
     SliceContour *c = layer_add_contour(layer);
     EXPECT_TRUE(contour_reserve_points(c, static_cast<uint32_t>(points.size())));
-    for (const SlicePoint &p : points) c->points[c->count++] = p;
+    for (const SlicePoint &p : points)
+        c->points[c->count++] = p;
     c->held = c->count;
     return c;
 }
 
 } // namespace
 
-TEST(SliceModel, LayersGrowTenAtATimeAndKeepTheirContents) {
+// Records added one by one must not copy the array each time: a million
+// empty polylines in a layer took minutes when it grew by one record.
+TEST(SliceModel, ArraysGrowGeometricallyAndKeepTheirContents) {
     SliceStack stack = {};
-    for (int i = 0; i < 11; i++) {
+    int layer_steps = 0, contour_steps = 0;
+    for (int i = 0; i < 5000; i++) {
+        const uint32_t before = stack.capacity;
         SliceLayer *layer = stack_add_layer(&stack);
         ASSERT_NE(layer, nullptr);
+        layer_steps += stack.capacity != before;
         EXPECT_EQ(layer->z, 0.0f);
         layer->z = static_cast<float>(i);
-        EXPECT_EQ(stack.capacity, i < 10 ? 10u : 20u);
     }
-    for (uint32_t i = 0; i < stack.count; i++) EXPECT_EQ(stack.layers[i].z, static_cast<float>(i));
     SliceLayer *layer = &stack.layers[3];
-    add_contour(layer, {{1, 2}});
-    layer->contour_count = 5; // a preset count stays when fewer contours are held
+    for (int i = 0; i < 5000; i++) {
+        const uint32_t before = layer->capacity;
+        SliceContour *c = layer_add_contour(layer);
+        ASSERT_NE(c, nullptr);
+        contour_steps += layer->capacity != before;
+        EXPECT_EQ(c->count, 0u);
+        c->id = static_cast<uint32_t>(i);
+    }
+    EXPECT_LE(layer_steps, 10);
+    EXPECT_LE(contour_steps, 10);
+    for (uint32_t i = 0; i < stack.count; i++)
+        EXPECT_EQ(stack.layers[i].z, static_cast<float>(i));
+    for (uint32_t i = 0; i < layer->held; i++)
+        EXPECT_EQ(layer->contours[i].id, i);
+    layer->contour_count = 7000; // a preset count stays when fewer contours are held
     add_contour(layer, {{3, 4}});
-    EXPECT_EQ(layer->held, 2u);
-    EXPECT_EQ(layer->contour_count, 5u);
+    EXPECT_EQ(layer->held, 5001u);
+    EXPECT_EQ(layer->contour_count, 7000u);
     stack_free(&stack);
     EXPECT_EQ(stack.count, 0u);
     EXPECT_EQ(stack.layers, nullptr);
@@ -63,8 +80,10 @@ TEST(SliceModel, ReverseSwapsEndsAndKeepsTheMiddle) {
     const SliceContour *four = &layer->contours[1];
     const SliceContour *five = &layer->contours[2];
     EXPECT_EQ(one->points[0].x, 1.0f);
-    for (int i = 0; i < 4; i++) EXPECT_EQ(four->points[i].x, 4.0f - i);
-    for (int i = 0; i < 5; i++) EXPECT_EQ(five->points[i].x, 5.0f - i);
+    for (int i = 0; i < 4; i++)
+        EXPECT_EQ(four->points[i].x, 4.0f - i);
+    for (int i = 0; i < 5; i++)
+        EXPECT_EQ(five->points[i].x, 5.0f - i);
     stack_free(&stack);
 }
 

@@ -153,34 +153,87 @@ TEST(TranslateSlc, GapsSplitContoursAndAreReported) {
     for (size_t at = fdm.find("\nO\n"); at != std::string::npos; at = fdm.find("\nO\n", at + 1))
         opens++;
     EXPECT_EQ(opens, 3u);
+
+    // The total goes past what 32 bits hold.
+    SlcBytes many;
+    many.header("-TYPE PART");
+    many.table({1, 1, 0, 0});
+    for (float z : {1.0f, 2.0f}) {
+        many.layer(z, 1);
+        many.boundary(0x80000000u, {0, 0, 1, 0, 1, 1});
+    }
+    many.layer(2, 0xffffffffu);
+    write_file(dir.file("many.slc"), many.bytes);
+    r = run_laytran({"-f", "many.slc", "-o", "many.slc2", "-O", "S"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(info): input file contains 4294967296 gap(s)\n");
 }
 
-TEST(TranslateSlc, RefusedOutputsAndBadInputFailTheRun) {
+// Each broken input or unfit value fails the run with its own message.
+TEST(TranslateFormats, BrokenInputsAndValuesBeyondFloatRangeFailTheRun) {
     TempDir dir;
-    write_file(dir.file("hatch.cli"),
-               "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n"
-               "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$LAYER/0.2\n$$HATCHES/1,1,0,0,1,1\n"
-               "$$GEOMETRYEND\n");
-    RunResult r = run_laytran({"-f", "hatch.cli", "-o", "out.slc"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err,
-              "laytran: error writing output file (the SLC format holds part contours only)\n");
-
-    write_file(dir.file("one.cli"), "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n"
-                                    "$$LAYER/0.1\n$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n");
-    r = run_laytran({"-f", "one.cli", "-o", "one.slc"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    EXPECT_EQ(r.err,
-              "laytran: error writing output file (the SLC format needs at least two layers)\n");
-    EXPECT_EQ(read_file(dir.file("one.slc")), "");
-
-    write_file(dir.file("empty.slc"), "");
-    r = run_laytran({"-f", "empty.slc", "-o", "empty.cli"}, dir.path());
-    EXPECT_EQ(r.status, 255);
-    const std::string eof = "laytran: error reading input file (premature EOF (not an SLC file or "
-                            "truncated file?))\n";
-    EXPECT_EQ(r.err, "laytran(info): output file format assumed to be binary CLI\n" + eof + eof +
-                         "laytran(info): input file contains no gaps\n");
+    auto slc = [](float x) {
+        SlcBytes b;
+        b.header("-TYPE PART");
+        b.table({1, 1, 0, 0});
+        for (float z : {1.0f, 2.0f}) {
+            b.layer(z, 1);
+            b.boundary(0, {-3e38f, 0, x, 0, 1, 1});
+        }
+        b.layer(2, 0xffffffffu);
+        return b.bytes;
+    };
+    // A reading error is printed after the load and again after the run.
+    auto reading = [](const std::string &text) {
+        const std::string line = "laytran: error reading input file (" + text + ")\n";
+        return line + line;
+    };
+    const std::string eof = reading("premature EOF (not an SLC file or truncated file?)");
+    const std::string gaps = "laytran(info): input file contains no gaps\n";
+    const struct {
+        std::string name, bytes;
+        std::vector<std::string> args;
+        std::string err;
+    } cases[] = {
+        {"one.cli",
+         "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.1\n"
+         "$$POLYLINE/1,1,2,0,0,1,1\n$$GEOMETRYEND\n",
+         {"-O", "S"},
+         "laytran: error writing output file (the SLC format needs at least two layers)\n"},
+        {"empty.slc", "", {}, eof + gaps},
+        {"cut.slc", slc(1).substr(0, slc(1).size() - 1), {}, eof + gaps},
+        {"inf.slc", slc(INFINITY), {}, reading("illegal number") + gaps},
+        {"/dev/zero", "", {"-F", "S"}, reading("not an SLC file") + gaps},
+        {"/dev/zero", "", {"-F", "F"}, reading("not an FDM file")},
+        {"big.ssl", "SLICE Z 1 .005 1 1e39 C", {}, reading("illegal number")},
+        {"long.ssl",
+         "SLICE Z 1 .005 1 " + std::string(100, '1') + " C",
+         {},
+         reading("illegal number")},
+        {"open.ssl", "SLICE Z 1 .005 1 1 2 2", {}, reading("illegal keyword")},
+        {"lone.ssl", "SLICE Z 1 .005 1 1 2 2 C C\n", {}, reading("illegal keyword")},
+        {"scale.slc",
+         slc(3e38f),
+         {"-U", "0.001"},
+         "laytran: scaling by 1000 to the output unit makes a coordinate of layer 1 infinite "
+         "(choose a larger unit with -U)\n" +
+             gaps},
+        {"move.slc",
+         slc(3e38f),
+         {"-P", "-O", "S"},
+         "laytran(WARNING): model is not entirely in the positive quadrant\n"
+         "laytran(info): moving the model by XYZ=+3e+38,+0,+0\n"
+         "laytran: moving the model makes a coordinate of layer 1 infinite\n" +
+             gaps},
+    };
+    for (const auto &k : cases) {
+        if (k.name[0] != '/') write_file(dir.file(k.name), k.bytes);
+        std::vector<std::string> args = {"-f", k.name, "-O", "A"};
+        args.insert(args.end(), k.args.begin(), k.args.end());
+        RunResult r = run_laytran(args, dir.path());
+        EXPECT_EQ(r.status, 255) << k.name;
+        EXPECT_EQ(r.err, k.err) << k.name;
+    }
 }
 
 TEST(TranslateFdm, InchesToCliAndMillimetresToInches) {
@@ -238,6 +291,10 @@ TEST(TranslateFormats, EveryPairingCarriesTheModel) {
                                   dir.path());
         ASSERT_EQ(r.status, 0) << r.err;
     }
+    // The SLC input has no TYPE, as some writers make them: part contours.
+    std::string slc = read_file(dir.file("model-in.slc"));
+    ASSERT_EQ(slc.substr(12, 24), "-UNIT MM \n-TYPE PART \n-P");
+    write_file(dir.file("model-in.slc"), slc.erase(22, 12));
     RunResult r = run_laytran({"-f", "model.cli", "-O", "A"}, dir.path());
     Geometry reference = parse_ascii_cli(r.out);
     ASSERT_EQ(reference.layers.size(), 3u);
@@ -258,4 +315,104 @@ TEST(TranslateFormats, EveryPairingCarriesTheModel) {
         }
     }
     EXPECT_EQ(pairings, 21);
+}
+
+// What SLC and FDM cannot hold is left out with one warning: CLI hatches
+// (which FDM once joined into one zigzag contour) and SLC support contours.
+TEST(TranslateFormats, HatchesAndSupportAreLeftOutOfSlcAndFdmWithOneWarning) {
+    TempDir dir;
+    // Millimetres at the FDM layer spacing; the first layer holds hatches only.
+    write_file(
+        dir.file("h.cli"),
+        "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/0.127\n"
+        "$$HATCHES/2,2,0,0,25.4,0,0,12.7,25.4,12.7\n$$HATCHES/3,1,0,12.7,25.4,0\n"
+        "$$LAYER/0.254\n$$POLYLINE/1,1,4,0,0,25.4,0,25.4,12.7,0,0\n$$HATCHES/2,1,0,0,25.4,12.7\n"
+        "$$LAYER/0.381\n$$POLYLINE/1,1,3,12.7,0,25.4,12.7,12.7,12.7\n$$GEOMETRYEND\n");
+    RunResult r = run_laytran({"-f", "h.cli", "-o", "h.slc"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): the SLC format holds part contours only: 3 hatch blocks "
+                     "were left out\n");
+    SlcBytes want; // every layer keeps its record, the first one without boundaries
+    want.header(SLC_HEADER_MM);
+    want.table({0.127f, 0.254f - 0.127f, 0, 0});
+    want.layer(0.127f, 0);
+    want.layer(0.254f, 1);
+    want.boundary(0, {0, 0, 25.4f, 0, 25.4f, 12.7f, 0, 0});
+    want.layer(0.381f, 1);
+    want.boundary(0, {12.7f, 0, 25.4f, 12.7f, 12.7f, 12.7f});
+    want.layer(0.381f, 0xffffffffu);
+    EXPECT_EQ(read_file(dir.file("h.slc")), want.bytes);
+
+    r = run_laytran({"-f", "h.cli", "-o", "h.ssl"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): the FDM format holds part contours only: 3 hatch blocks "
+                     "were left out\n");
+    EXPECT_EQ(read_file(dir.file("h.ssl")),
+              "SLICE V0\nSLICES ()\nZ   0.01 .005\n  0.   0.\n  1.   0.\n  1.   0.5\nC\n"
+              "Z   0.015 .005\n  0.5   0.\n  1.   0.5\n  0.5   0.5\nO\nEND\n");
+
+    // Every CLI form holds them all.
+    for (const char *form : {"A", "b", "a", "s", "as"}) {
+        r = run_laytran({"-f", "h.cli", "-o", std::string("h-") + form, "-O", form}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        r = run_laytran({"-f", std::string("h-") + form, "-O", "A"}, dir.path());
+        EXPECT_NE(r.out.find("$$HATCHES/2,1,0.,0.,2540.,1270.\n$$LAYER"), std::string::npos);
+        EXPECT_NE(r.out.find("$$HATCHES/3,1,0.,1270.,2540.,0.\n$$LAYER"), std::string::npos);
+    }
+
+    // An SLC file of support contours stays one; FDM has no place for them.
+    SlcBytes support;
+    support.header("-SLCVER 2.0\n-UNIT MM \n-TYPE -SUPPORT \n-PACKAGE Vantorell/Plexo_Forge_3.3\n");
+    support.table({1, 1, 0, 0});
+    for (float z : {1.0f, 2.0f}) {
+        support.layer(z, 1);
+        support.boundary(0, {0, 0, 1, 0, 1, 1, 0, 0});
+    }
+    support.layer(2, 0xffffffffu);
+    write_file(dir.file("s.slc"), support.bytes);
+    r = run_laytran({"-f", "s.slc", "-o", "s2.slc", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    EXPECT_EQ(read_file(dir.file("s2.slc")), support.bytes);
+    r = run_laytran({"-f", "s.slc", "-o", "s.ssl", "-V", "0"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "laytran(WARNING): layer thickness must be 0.005\n"
+                     "laytran(WARNING): the FDM format holds part contours only: 2 support "
+                     "contours were left out\n");
+    EXPECT_EQ(read_file(dir.file("s.ssl")), "SLICE V0\nSLICES ()\nZ   0.07874  0.03937\nEND\n");
+}
+
+// An input without elements still gives a whole file (it was a lone
+// $$GEOMETRYEND, even for binary output) and a warning; SLC needs two layers.
+TEST(TranslateFormats, InputWithoutGeometryMakesAWholeFileAndAWarning) {
+    TempDir dir;
+    const std::string warning = "laytran(WARNING): the input holds no geometry\n";
+    write_file(dir.file("e.ssl"), "SLICE V0\nSLICES ()\nZ 1 .005\nEND\n");
+    for (const std::string form : {"A", "b", "a", "s", "as", "F"}) {
+        const std::string out = "e-" + form + (form == "F" ? ".ssl" : ".cli");
+        RunResult r = run_laytran({"-f", "e.ssl", "-o", out, "-O", form, "-V", "0"}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        const bool positive = form == "a" || form == "s" || form == "as";
+        EXPECT_EQ(r.err, (positive ? "laytran(info): setting -P (output format requires positive "
+                                     "numbers)\n"
+                                   : "") +
+                             warning)
+            << form;
+        const std::string bytes = read_file(dir.file(out));
+        if (form == "F") {
+            EXPECT_EQ(bytes, "SLICE V0\nSLICES ()\nZ   0. .005\nEND\n");
+        } else {
+            EXPECT_EQ(bytes.substr(0, 16), "$$HEADERSTART\n$$");
+            EXPECT_NE(bytes.find("$$HEADEREND"), std::string::npos) << form;
+        }
+        // What was written reads back as a whole file without geometry.
+        r = run_laytran({"-f", out, "-O", "A", "-V", "0"}, dir.path());
+        EXPECT_EQ(r.status, 0) << form;
+        EXPECT_EQ(r.err, warning) << form;
+    }
+    // SLC needs two layers.
+    RunResult r = run_laytran({"-f", "e.ssl", "-o", "e.slc"}, dir.path());
+    EXPECT_EQ(r.status, 255);
+    EXPECT_EQ(r.err, warning + "laytran: error writing output file (the SLC format needs at least "
+                               "two layers)\n");
 }

@@ -27,7 +27,7 @@ int contour_from_cli(const CliElement *e, SliceLayer *layer) {
     SliceContour *c = layer_add_contour(layer);
     if (!c || !contour_reserve_points(c, e->read)) return 0;
     if (e->kind == CLI_HATCHES)
-        c->kind = CONTOUR_SUPPORT;
+        c->kind = CONTOUR_HATCHES;
     else if (e->kind == CLI_POLYLINE)
         c->kind = CONTOUR_PART;
     c->direction = e->dir;
@@ -145,7 +145,6 @@ int load_slc(SlcStream *slc_in, SliceStack *stack, double *unit) {
             result = 0;
             break;
         }
-        c0.kind = header ? header->type : 0;
         SliceContour *c = layer_add_contour(layer);
         if (!c) {
             result = 0;

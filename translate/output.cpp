@@ -1,5 +1,6 @@
 // The heart of a run: load, convert units, place, reverse and write.
 #include <cfloat>
+#include <cinttypes>
 #include <cmath>
 #include <cstdio>
 
@@ -57,20 +58,27 @@ bool fields_fit(CliStream *out, const CliElement *e, float z) {
     return false;
 }
 
-void place_model(SliceStack *stack, SliceBounds *b) {
+// Warns about negative coordinates and, with -P, moves the model. 0 (after
+// the message) when the move takes a value beyond float range.
+int place_model(SliceStack *stack, SliceBounds *b) {
     const char *name = job.program_name;
     fprintf(stderr, "%s(WARNING): model is not entirely in the positive quadrant\n", name);
     if (!(job.flags[1] & JOB_POSITIVE)) {
         fprintf(stderr, "%s(info): the minimum xyz-coordinates are %g, %g, and %g\n", name, b->xmin,
                 b->ymin, b->zmin);
         fprintf(stderr, "%s(info): the option -P can be used to move the model\n", name);
-        return;
+        return 1;
     }
     double dx = b->xmin < 0.0 ? -b->xmin : 0.0;
     double dy = b->ymin < 0.0 ? -b->ymin : 0.0;
     double dz = b->zmin < 0.0 ? -b->zmin : 0.0;
-    stack_translate(stack, dx, dy, dz);
+    uint32_t bad = stack_translate(stack, dx, dy, dz);
     fprintf(stderr, "%s(info): moving the model by XYZ=+%g,+%g,+%g\n", name, dx, dy, dz);
+    if (bad < stack->count) {
+        fprintf(stderr, "%s: moving the model makes a coordinate of layer %u infinite\n", name,
+                bad + 1);
+        return 0;
+    }
     b->xmin += dx;
     b->xmax += dx;
     b->ymin += dy;
@@ -81,6 +89,68 @@ void place_model(SliceStack *stack, SliceBounds *b) {
         fprintf(stderr, "%s(info): min. z-coordinate places the part close to,", name);
         fputs(" or on the platform\n", stderr);
     }
+    return 1;
+}
+
+// Contours an output format cannot hold, counted by what they were.
+struct LeftOut {
+    uint64_t hatches, support, web, other;
+};
+
+void leave_out(LeftOut *left, const SliceContour &c) {
+    gap_total += c.gaps; // the gap report speaks of the whole input
+    if (c.kind == CONTOUR_HATCHES)
+        left->hatches++;
+    else if (c.kind == CONTOUR_SUPPORT)
+        left->support++;
+    else if (c.kind == CONTOUR_WEB)
+        left->web++;
+    else
+        left->other++;
+}
+
+// One warning for everything the output format left out, such as
+// "the SLC format holds part contours only: 2 hatch blocks were left out".
+void report_left_out(const char *format, const LeftOut &left) {
+    const struct {
+        uint64_t n;
+        const char *one, *many;
+    } kinds[] = {{left.hatches, "hatch block", "hatch blocks"},
+                 {left.support, "support contour", "support contours"},
+                 {left.web, "web contour", "web contours"},
+                 {left.other, "contour of another type", "contours of another type"}};
+    uint64_t total = 0;
+    int items = 0;
+    for (const auto &k : kinds) {
+        total += k.n;
+        items += k.n != 0;
+    }
+    if (total == 0) return;
+    fprintf(stderr, "%s(WARNING): the %s format holds part contours only: ", job.program_name,
+            format);
+    int listed = 0;
+    for (const auto &k : kinds) {
+        if (k.n == 0) continue;
+        if (listed > 0) fputs(listed == items - 1 ? " and " : ", ", stderr);
+        fprintf(stderr, "%" PRIu64 " %s", k.n, k.n == 1 ? k.one : k.many);
+        listed++;
+    }
+    fprintf(stderr, " %s left out\n", total == 1 ? "was" : "were");
+}
+
+// The one contour kind an SLC file of the model holds: part contours, or
+// for a model of support (or web) contours alone, those, under their TYPE.
+uint32_t slc_kind(const SliceStack *stack) {
+    uint32_t kind = 0;
+    for (uint32_t i = 0; i < stack->count; i++) {
+        const SliceLayer &layer = stack->layers[i];
+        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+            const uint32_t k = layer.contours[j].kind;
+            if (k == CONTOUR_PART) return CONTOUR_PART;
+            if (kind == 0 && (k == CONTOUR_SUPPORT || k == CONTOUR_WEB)) kind = k;
+        }
+    }
+    return kind ? kind : CONTOUR_PART;
 }
 
 } // namespace
@@ -91,10 +161,10 @@ void cli_frame(SliceBounds *b) {
 }
 
 int write_cli_contour(CliStream *cli_out, const SliceContour *c, CliElement *e) {
-    gap_total += static_cast<int32_t>(c->gaps);
+    gap_total += c->gaps;
     if (c->kind == CONTOUR_PART)
         e->kind = CLI_POLYLINE;
-    else if (c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
+    else if (c->kind == CONTOUR_HATCHES || c->kind == CONTOUR_SUPPORT || c->kind == CONTOUR_WEB)
         e->kind = CLI_HATCHES;
     e->dir = c->direction;
     e->id = c->id;
@@ -150,12 +220,11 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
         *cause = "the SLC format needs at least two layers";
         return 0;
     }
-    // Inch coordinates get a header that says so.
-    if (out_unit == INCH) {
-        SlcHeader header = {};
-        header.unit = SLC_KW_INCH;
-        slc_set_option(job.slc_out, SLC_OPT_HEADER, &header);
-    }
+    const uint32_t kind = slc_kind(stack);
+    SlcHeader header = {};
+    header.unit = out_unit == INCH ? SLC_KW_INCH : 0u; // inch coordinates get a header that says so
+    header.type = kind;
+    slc_set_option(job.slc_out, SLC_OPT_HEADER, &header);
     size_t size = (stack->count + 1) * sizeof(float);
     float *levels = static_cast<float *>(mm_malloc(size));
     if (!levels) {
@@ -171,28 +240,38 @@ int write_slc(const SliceStack *stack, double out_unit, const char **cause) {
         *cause = "the SLC format needs at least two layers";
         return 0;
     }
+    // Every layer keeps its record, also one whose contours are all left out.
+    LeftOut left = {};
     for (uint32_t i = 0; i < stack->count; i++) {
         const SliceLayer &layer = stack->layers[i];
-        SlcLayerInfo info = {layer.z, layer.thickness, layer_contours_in_use(layer)};
-        if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info)) {
+        const uint32_t n = layer_contours_in_use(layer);
+        SlcLayerInfo info = {layer.z, layer.thickness, 0};
+        for (uint32_t j = 0; j < n; j++)
+            info.count += layer.contours[j].kind == kind;
+        if (!slc_set_option(job.slc_out, SLC_OPT_LAYER, &info) ||
+            (i == 0 && !slc_write_entity(job.slc_out, nullptr))) {
             *cause = NO_MEMORY;
             return 0;
         }
-        for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
+        for (uint32_t j = 0; j < n; j++) {
             const SliceContour &c = layer.contours[j];
-            gap_total += static_cast<int32_t>(c.gaps);
+            if (c.kind != kind) {
+                leave_out(&left, c);
+                continue;
+            }
+            gap_total += c.gaps;
             if (!slc_write_entity(job.slc_out, &c)) {
-                *cause =
-                    c.kind == CONTOUR_PART ? NO_MEMORY : "the SLC format holds part contours only";
+                *cause = NO_MEMORY;
                 return 0;
             }
         }
     }
+    report_left_out("SLC", left);
     return 1;
 }
 
 int write_fdm_contour(FdmStream *fdm_out, const SliceContour *c, FdmContour *f) {
-    gap_total += static_cast<int32_t>(c->gaps);
+    gap_total += c->gaps;
     f->kind = FDM_CONTOUR;
     if (c->gaps != 0)
         f->closure = FDM_OPEN;
@@ -222,6 +301,7 @@ int write_fdm(const SliceStack *stack, const char **cause) {
     double prev_z = 0.0;
     bool warned = false;
     FdmContour f = {};
+    LeftOut left = {};
     int result = 1;
     for (uint32_t i = 0; i < stack->count && result; i++) {
         const SliceLayer &layer = stack->layers[i];
@@ -242,11 +322,18 @@ int write_fdm(const SliceStack *stack, const char **cause) {
         double values[2] = {layer.z, thickness};
         fdm_set_option(job.fdm_out, FDM_OPT_LAYER, values);
         for (uint32_t j = 0; j < layer_contours_in_use(layer) && result; j++) {
-            result = write_fdm_contour(job.fdm_out, &layer.contours[j], &f);
+            const SliceContour &c = layer.contours[j];
+            if (c.kind == CONTOUR_PART)
+                result = write_fdm_contour(job.fdm_out, &c, &f);
+            else
+                leave_out(&left, c);
         }
     }
     fdm_free_points(&f);
+    // The header goes out even when no contour did, so that the file is whole.
+    if (result) result = fdm_write_contour(job.fdm_out, nullptr);
     if (!result) *cause = NO_MEMORY;
+    if (result) report_left_out("FDM", left);
     return result;
 }
 
@@ -272,7 +359,11 @@ int translate_job() {
     }
 
     const char *cause = nullptr;
+    int placed = 1;
     if (loaded) {
+        // A CLI input that failed to read is reported as such at the end.
+        if (stack.count == 0 && !(in_cli && cli_stream_error_text(job.cli_in)))
+            fprintf(stderr, "%s(WARNING): the input holds no geometry\n", job.program_name);
         double u_out;
         if (job.flags[1] & JOB_UNITS_SET) {
             u_out = job.units;
@@ -287,12 +378,23 @@ int translate_job() {
         }
 
         SliceBounds bounds;
-        stack_scale(&stack, u_in / u_out, &bounds);
-        if (bounds_negative(bounds)) place_model(&stack, &bounds);
-        if (job.reverse != 0) stack_reverse(&stack);
+        const double factor = u_in / u_out;
+        const uint32_t bad = stack_scale(&stack, factor, &bounds);
+        if (bad < stack.count) {
+            fprintf(stderr,
+                    "%s: scaling by %g to the output unit makes a coordinate of layer %u infinite "
+                    "(choose a larger unit with -U)\n",
+                    job.program_name, factor, bad + 1);
+            placed = 0;
+        } else if (bounds_negative(bounds)) {
+            placed = place_model(&stack, &bounds);
+        }
+        if (placed && job.reverse != 0) stack_reverse(&stack);
 
-        int written;
-        if (out_cli) {
+        int written = 0;
+        if (!placed) {
+            // nothing is written
+        } else if (out_cli) {
             cli_frame(&bounds);
             header->xmin = bounds.xmin;
             header->xmax = bounds.xmax;
@@ -301,6 +403,9 @@ int translate_job() {
             header->zmin = bounds.zmin;
             header->zmax = bounds.zmax;
             written = write_cli(&stack, header, &cause);
+            // A model without elements still makes a whole file: the header
+            // and an empty geometry.
+            if (written) written = cli_write_element(job.cli_out, nullptr);
         } else if (job.flags[1] & JOB_OUT_SLC) {
             written = write_slc(&stack, u_out, &cause);
         } else {
@@ -317,7 +422,7 @@ int translate_job() {
     if (job.slc_out) slc_finish(job.slc_out);
     if (job.fdm_out) fdm_finish(job.fdm_out);
     if (in_cli) report_cli_skipped(job.cli_in);
-    int result = streams_check();
+    int result = streams_check() && placed;
     if (cause) {
         fprintf(stderr, "%s: error writing output file (%s)\n", job.program_name, cause);
         result = 0;

@@ -1,25 +1,50 @@
 #include "translate/slice_model.h"
 
 #include <cfloat>
+#include <cmath>
 
 #include "support/mm.h"
 
+namespace {
+
+// Makes room for one more record in an array of records of the given size:
+// the capacity doubles (16 at first). 0 when memory is short or the count
+// cannot grow; the array is then unchanged.
+int grow_records(void **array, uint32_t *capacity, uint32_t used, size_t size) {
+    if (used < *capacity) return 1;
+    if (used == UINT32_MAX) return 0;
+    uint32_t grown = *capacity < 8 ? 16 : *capacity > UINT32_MAX / 2 ? UINT32_MAX : *capacity * 2;
+    void *records = mm_realloc(*array, *capacity * size, grown * size);
+    if (!records) return 0;
+    *array = records;
+    *capacity = grown;
+    return 1;
+}
+
+// Doubles below this in magnitude round to a finite float.
+constexpr double f32_limit = 0x1.ffffffp+127;
+
+// v as a float; a value that does not fit (or NaN) clears finite and is
+// stored as 0.
+float to_float(double v, bool *finite) {
+    if (std::fabs(v) < f32_limit) return static_cast<float>(v);
+    *finite = false;
+    return 0.0f;
+}
+
+} // namespace
+
 SliceLayer *stack_add_layer(SliceStack *stack) {
-    if (stack->count == stack->capacity) {
-        uint32_t grown = stack->capacity + 10;
-        void *layers = mm_realloc(stack->layers, stack->capacity * sizeof(SliceLayer),
-                                  grown * sizeof(SliceLayer));
-        if (!layers) return nullptr;
-        stack->layers = static_cast<SliceLayer *>(layers);
-        stack->capacity = grown;
-    }
+    void *layers = stack->layers;
+    if (!grow_records(&layers, &stack->capacity, stack->count, sizeof(SliceLayer))) return nullptr;
+    stack->layers = static_cast<SliceLayer *>(layers);
     return &stack->layers[stack->count++];
 }
 
 SliceContour *layer_add_contour(SliceLayer *layer) {
-    void *contours = mm_realloc(layer->contours, layer->held * sizeof(SliceContour),
-                                (layer->held + 1) * sizeof(SliceContour));
-    if (!contours) return nullptr;
+    void *contours = layer->contours;
+    if (!grow_records(&contours, &layer->capacity, layer->held, sizeof(SliceContour)))
+        return nullptr;
     layer->contours = static_cast<SliceContour *>(contours);
     layer->held++;
     if (layer->contour_count < layer->held) layer->contour_count = layer->held;
@@ -42,11 +67,13 @@ void contour_free_points(SliceContour *contour) {
     contour->capacity = 0;
 }
 
-void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds) {
+uint32_t stack_scale(SliceStack *stack, double factor, SliceBounds *bounds) {
     SliceBounds b = {DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX, DBL_MAX, -DBL_MAX};
+    uint32_t first_bad = stack->count;
     for (uint32_t i = 0; i < stack->count; i++) {
         SliceLayer &layer = stack->layers[i];
-        layer.z = static_cast<float>(layer.z * factor);
+        bool finite = true;
+        layer.z = to_float(layer.z * factor, &finite);
         if (layer.z < b.zmin) b.zmin = layer.z;
         if (layer.z > b.zmax) b.zmax = layer.z;
         for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
@@ -54,32 +81,38 @@ void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds) {
             for (uint32_t k = 0; k < contour_points_in_use(c); k++) {
                 SlicePoint &p = c.points[k];
                 if (point_is_gap_mark(p)) continue;
-                p.x = static_cast<float>(p.x * factor);
-                p.y = static_cast<float>(p.y * factor);
+                p.x = to_float(p.x * factor, &finite);
+                p.y = to_float(p.y * factor, &finite);
                 if (p.x < b.xmin) b.xmin = p.x;
                 if (p.x > b.xmax) b.xmax = p.x;
                 if (p.y < b.ymin) b.ymin = p.y;
                 if (p.y > b.ymax) b.ymax = p.y;
             }
         }
+        if (!finite && first_bad == stack->count) first_bad = i;
     }
     *bounds = b;
+    return first_bad;
 }
 
-void stack_translate(SliceStack *stack, double dx, double dy, double dz) {
+uint32_t stack_translate(SliceStack *stack, double dx, double dy, double dz) {
+    uint32_t first_bad = stack->count;
     for (uint32_t i = 0; i < stack->count; i++) {
         SliceLayer &layer = stack->layers[i];
-        layer.z = static_cast<float>(layer.z + dz);
+        bool finite = true;
+        layer.z = to_float(layer.z + dz, &finite);
         for (uint32_t j = 0; j < layer_contours_in_use(layer); j++) {
             SliceContour &c = layer.contours[j];
             for (uint32_t k = 0; k < contour_points_in_use(c); k++) {
                 SlicePoint &p = c.points[k];
                 if (point_is_gap_mark(p)) continue;
-                p.x = static_cast<float>(p.x + dx);
-                p.y = static_cast<float>(p.y + dy);
+                p.x = to_float(p.x + dx, &finite);
+                p.y = to_float(p.y + dy, &finite);
             }
         }
+        if (!finite && first_bad == stack->count) first_bad = i;
     }
+    return first_bad;
 }
 
 void contour_reverse(SliceContour *contour) {
@@ -107,9 +140,10 @@ bool bounds_negative(const SliceBounds &b) {
 void layer_free(SliceLayer *layer) {
     for (uint32_t j = 0; j < layer->held; j++)
         contour_free_points(&layer->contours[j]);
-    mm_free(layer->contours, layer->held * sizeof(SliceContour), 0);
+    mm_free(layer->contours, layer->capacity * sizeof(SliceContour), 0);
     layer->contours = nullptr;
     layer->held = 0;
+    layer->capacity = 0;
     layer->contour_count = 0;
 }
 

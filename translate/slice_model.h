@@ -8,10 +8,13 @@
 
 #include <cstdint>
 
+// Contour kinds. The first three are the SLC type keyword codes, so that an
+// SLC contour's kind is its file's TYPE.
 enum : uint32_t {
     CONTOUR_PART = 10,
     CONTOUR_SUPPORT = 12,
     CONTOUR_WEB = 16,
+    CONTOUR_HATCHES = 256, // a CLI block of hatches: each two points are one line
 };
 
 // A point with both coordinates at the largest float marks a gap in a
@@ -24,7 +27,7 @@ struct SlicePoint {
 };
 
 struct SliceContour {
-    uint32_t kind;      // CONTOUR_PART, CONTOUR_SUPPORT, CONTOUR_WEB or 0
+    uint32_t kind;      // CONTOUR_PART, ... (an SLC TYPE may give another keyword code)
     uint32_t count;     // point count
     uint32_t gaps;      // gap count (SLC input only)
     uint32_t held;      // points actually stored
@@ -38,8 +41,9 @@ struct SliceLayer {
     float z;
     float thickness;        // 0 when the input gives none
     uint32_t contour_count; // contours consumers go through
-    uint32_t held;          // contour records allocated
+    uint32_t held;          // contour records in use
     SliceContour *contours; // owned
+    uint32_t capacity;      // contour records the array can take
 };
 
 struct SliceStack {
@@ -64,16 +68,24 @@ inline uint32_t layer_contours_in_use(const SliceLayer &l) {
     return l.contour_count < l.held ? l.contour_count : l.held;
 }
 
+// The layer and contour arrays grow geometrically, so that adding records
+// one by one stays linear; a new record is zero-filled. Null when memory is
+// short (the stack or layer is then unchanged).
 SliceLayer *stack_add_layer(SliceStack *stack);
 SliceContour *layer_add_contour(SliceLayer *layer);
+// Grows the point array to exactly n points when it holds fewer.
 int contour_reserve_points(SliceContour *contour, uint32_t n);
 void contour_free_points(SliceContour *contour);
 
 // Multiplies every level and coordinate by factor and returns the bounds of
-// the result. Gap marks keep their value and stay out of the bounds.
-void stack_scale(SliceStack *stack, double factor, SliceBounds *bounds);
-// Moves every level and coordinate; gap marks are left as they are.
-void stack_translate(SliceStack *stack, double dx, double dy, double dz);
+// the result. Gap marks keep their value and stay out of the bounds. The
+// result is the index of the first layer where a value does not come out
+// as a finite float (such values are stored as 0), or the layer count when
+// every value does.
+uint32_t stack_scale(SliceStack *stack, double factor, SliceBounds *bounds);
+// Moves every level and coordinate; gap marks are left as they are. The
+// result is as for stack_scale.
+uint32_t stack_translate(SliceStack *stack, double dx, double dy, double dz);
 void contour_reverse(SliceContour *contour);
 void stack_reverse(SliceStack *stack);
 bool bounds_negative(const SliceBounds &bounds);

@@ -76,7 +76,11 @@ enum : uint32_t {
     FDM_E_MEMORY = 11,
     FDM_E_CONTEXT = 12,
     FDM_E_ARGUMENT = 13,
+    FDM_E_NOT_FDM = 14, // nothing but delimiters and comments in the first FDM_START_SEARCH bytes
 };
+
+// An input whose first this many bytes hold no word is no FDM slice file.
+constexpr uint32_t FDM_START_SEARCH = 0x10000;
 
 struct FdmStream;
 
@@ -110,7 +114,8 @@ int fdm_read_contour(FdmStream *s, FdmContour *c);
 
 // Writes c (kind FDM_CONTOUR, at least one point) into the current layer;
 // the header and the first Z line go out first. A contour whose last point
-// equals its first is closed and written without the repeated point.
+// equals its first is closed and written without the repeated point. A null
+// c only writes the header and the Z line when they are not out yet.
 int fdm_write_contour(FdmStream *s, const FdmContour *c);
 
 // Grows the point array to hold at least n points (new points are zero).

@@ -42,6 +42,8 @@ struct FdmStream {
     uint8_t *buffer; // owned, made on first use
     uint32_t buffer_size;
     int last_raw;                           // raw byte behind the last filtered character
+    uint8_t searching;                      // reading: the first word is being sought
+    uint32_t searched;                      // bytes passed over while searching
     char number_text[FDM_NUMBER_TEXT_SIZE]; // writer's scratch
 };
 

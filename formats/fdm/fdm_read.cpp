@@ -8,6 +8,7 @@
 // points as x y pairs, and C (closed) or O (open). END or the end of the
 // file ends the data. Version 11 files precede every contour with two
 // integers and follow its terminator by a line and one more to skip.
+#include <cmath>
 #include <cstring>
 
 #include "formats/fdm/fdm_internal.h"
@@ -29,6 +30,10 @@ enum : int {
 };
 
 const char *const keywords[] = {"C", "END", "FILE", "O", "SLICE", "SLICES", "V", "Z"};
+
+// Doubles below this in magnitude round to a finite float, as the model keeps
+// coordinates.
+constexpr double f32_limit = 0x1.ffffffp+127;
 
 enum : uint32_t {
     NUMBER_TOKEN_MAX = 49,
@@ -77,10 +82,20 @@ bool begins_number(int c) {
     return (c >= '0' && c <= '9') || c == '.' || c == '+' || c == '-';
 }
 
+// A raw byte for the scanners. While the first word is sought, only the
+// first FDM_START_SEARCH bytes may be passed over.
+int scan_byte(FdmStream *s) {
+    if (s->searching && s->searched++ == FDM_START_SEARCH) {
+        fdm_record(s, FDM_E_NOT_FDM);
+        return FDM_FAIL;
+    }
+    return fdm_read_byte(s);
+}
+
 // Skips raw bytes up to and including the next line feed.
 int skip_line(FdmStream *s) {
     for (;;) {
-        int c = fdm_read_byte(s);
+        int c = scan_byte(s);
         if (c == '\n') return 1;
         if (c == FDM_FAIL) return 0;
         if (c == FDM_EOF) return fdm_record(s, FDM_E_EOF);
@@ -92,7 +107,7 @@ int skip_line(FdmStream *s) {
 // that what is given back reads again exactly as it stood in the file.
 int read_char(FdmStream *s) {
     for (;;) {
-        int c = fdm_read_byte(s);
+        int c = scan_byte(s);
         if (c < 0) {
             s->last_raw = c;
             return c;
@@ -139,10 +154,14 @@ int skip_delimiters(FdmStream *s) {
     }
 }
 
+enum TokenKind { TOKEN_WORD, TOKEN_NUMBER, TOKEN_CHAR };
+
 // Reads a token of at most max characters into text. A word also ends
-// before a character that can begin a number. The delimiter that ends the
-// token is given back; the end of the file is not. 0 on failure.
-int read_token(FdmStream *s, char *text, uint32_t max, bool word) {
+// before a character that can begin a number; a number that does not fit
+// records 6. The delimiter that ends the token is given back; the end of the
+// file is not. 0 on failure.
+int read_token(FdmStream *s, char *text, uint32_t max, TokenKind kind) {
+    const bool word = kind == TOKEN_WORD;
     text[0] = '\0';
     if (skip_delimiters(s) < 0) return 0;
     uint32_t n = 0;
@@ -157,6 +176,13 @@ int read_token(FdmStream *s, char *text, uint32_t max, bool word) {
         text[n++] = static_cast<char>(c);
     }
     text[n] = '\0';
+    if (n == max && kind == TOKEN_NUMBER) {
+        int c = read_char(s);
+        if (c == FDM_FAIL) return 0;
+        if (c == FDM_EOF) return 1;
+        if (!is_delimiter(c)) return fdm_record(s, FDM_E_NUMBER);
+        unread_last(s);
+    }
     return 1;
 }
 
@@ -165,7 +191,7 @@ int read_token(FdmStream *s, char *text, uint32_t max, bool word) {
 // empty tells whether the word was empty (a number or the end follows).
 int lookup_keyword(FdmStream *s, bool *empty) {
     char word[WORD_TOKEN_MAX + 1];
-    if (!read_token(s, word, WORD_TOKEN_MAX, true)) return KW_FAIL;
+    if (!read_token(s, word, WORD_TOKEN_MAX, TOKEN_WORD)) return KW_FAIL;
     *empty = word[0] == '\0';
     for (int i = 0; i < 8; i++) {
         if (strcmp(word, keywords[i]) == 0) return i + 1;
@@ -182,7 +208,7 @@ int header_keyword(FdmStream *s, bool *empty) {
 
 // Reads a number token into text; a missing token is a premature end.
 int read_number_token(FdmStream *s, char *text) {
-    if (!read_token(s, text, NUMBER_TOKEN_MAX, false)) return 0;
+    if (!read_token(s, text, NUMBER_TOKEN_MAX, TOKEN_NUMBER)) return 0;
     if (text[0] == '\0') return fdm_record(s, FDM_E_EOF);
     return 1;
 }
@@ -193,6 +219,7 @@ int read_number(FdmStream *s, double *out) {
     double value = 0.0;
     if (!parse_double(text, &value)) return fdm_record(s, FDM_E_NUMBER);
     if (is_nan(value)) return fdm_record(s, FDM_E_NAN);
+    if (!(std::fabs(value) < f32_limit)) return fdm_record(s, FDM_E_NUMBER);
     *out = value;
     return 1;
 }
@@ -230,6 +257,10 @@ bool at_end(FdmStream *s) {
 int read_header(FdmStream *s) {
     if (!fdm_ensure_header(s)) return 0;
     s->flags &= static_cast<uint8_t>(~FDM_F_SCALE);
+    s->searching = 1;
+    int start = skip_delimiters(s);
+    s->searching = 0;
+    if (start < 0) return 0;
     bool empty = false;
     if (header_keyword(s, &empty) != KW_SLICE) return fdm_record(s, FDM_E_FORMAT);
     for (;;) {
@@ -249,7 +280,7 @@ int read_header(FdmStream *s) {
             // A number where a keyword belongs (tolerated in version 11):
             // drop it, so that the scan moves on.
             char text[NUMBER_TOKEN_MAX + 1];
-            if (!read_token(s, text, NUMBER_TOKEN_MAX, false)) return 0;
+            if (!read_token(s, text, NUMBER_TOKEN_MAX, TOKEN_NUMBER)) return 0;
             continue;
         }
         int state = skip_delimiters(s);
@@ -277,7 +308,7 @@ int read_contour_body(FdmStream *s, FdmContour *c) {
         // Two counts precede the points; their meaning is not used.
         char text[NUMBER_TOKEN_MAX + 1];
         for (int i = 0; i < 2; i++) {
-            if (!read_token(s, text, NUMBER_TOKEN_MAX, false)) return 0;
+            if (!read_token(s, text, NUMBER_TOKEN_MAX, TOKEN_NUMBER)) return 0;
         }
     }
     c->count = 0;
@@ -314,7 +345,7 @@ int read_contour_body(FdmStream *s, FdmContour *c) {
     } else if (kw == KW_O) {
         c->closure = FDM_OPEN;
     } else if (kw != KW_FAIL) {
-        return fdm_record(s, empty && s->last_raw == FDM_EOF ? FDM_E_EOF : FDM_E_KEYWORD);
+        return fdm_record(s, FDM_E_KEYWORD); // also at the end of the file
     }
     return kw != KW_FAIL;
 }
@@ -323,7 +354,7 @@ int read_contour_body(FdmStream *s, FdmContour *c) {
 // of the line, which are skipped.
 int finish_z_line(FdmStream *s) {
     char text[2];
-    if (!read_token(s, text, 1, false)) return 0;
+    if (!read_token(s, text, 1, TOKEN_CHAR)) return 0;
     if (text[0] == 'O') return skip_line(s);
     if (text[0] != '\0') unread_last(s);
     return 1;
@@ -348,9 +379,11 @@ int fdm_read_contour(FdmStream *s, FdmContour *c) {
     for (;;) {
         if (kw == KW_FAIL) return 0;
         // An unknown word, or a number, where a keyword belongs starts a
-        // contour.
+        // contour. A C read as such starts one even at the end of the file,
+        // where its terminator is then missing.
+        const bool contour_keyword = kw == KW_C;
         if (kw == KW_NONE) kw = KW_C;
-        if (at_end(s)) return 0;
+        if (!contour_keyword && at_end(s)) return 0;
         switch (kw) {
         case KW_C:
             if (!read_contour_body(s, c)) return 0;

@@ -25,6 +25,7 @@ const char *const error_texts[] = {
     "no more memory",
     "error in context (programming error?)",
     "illegal argument (programming error?)",
+    "not an FDM file",
 };
 
 const uint32_t error_text_count = sizeof error_texts / sizeof error_texts[0];

@@ -115,8 +115,9 @@ int fdm_write_contour(FdmStream *s, const FdmContour *c) {
     if (!s) return 0;
     if (s->mode != FDM_MODE_WRITE) return fdm_record(s, FDM_E_CONTEXT);
     if (!(s->flags & FDM_F_HEADER_WRITTEN) && !write_header(s)) return 0;
+    if (!c) return 1;
     // A contour without points has no form in the file.
-    if (!c || c->kind != FDM_CONTOUR || c->count == 0 || c->count > c->capacity || !c->points) {
+    if (c->kind != FDM_CONTOUR || c->count == 0 || c->count > c->capacity || !c->points) {
         return fdm_record(s, FDM_E_ARGUMENT);
     }
     const FdmPoint &first = c->points[0];

@@ -87,10 +87,13 @@ enum : uint32_t {
     SLC_E_CONTEXT = 12,
     SLC_E_ARGUMENT = 13,
     SLC_E_LIMIT = 14,
+    SLC_E_NOT_SLC = 15, // no header end (Ctrl-Z) in the first SLC_HEADER_SEARCH bytes
 };
 
 constexpr uint32_t SLC_END_OF_LAYERS = 0xFFFFFFFFu;
 constexpr uint32_t SLC_MAX_SAMPLES = 255;
+// An input whose first this many bytes hold no Ctrl-Z is no SLC file.
+constexpr uint32_t SLC_HEADER_SEARCH = 0x10000;
 
 struct SlcStream;
 
@@ -115,14 +118,18 @@ const char *slc_stream_error_text(const SlcStream *s);
 uint32_t slc_stream_error(const SlcStream *s);
 int slc_stream_system_error(const SlcStream *s);
 
-// Reads the next boundary into c (its point array is reused or grown).
+// Reads the next boundary into c (its point array is reused or grown). The
+// kind is the header's TYPE, CONTOUR_PART when the header has none.
 // 2: c is the first boundary of a new layer (see SLC_OPT_LAYER);
 // 1: c is the next boundary of the current layer;
 // 0: the end record was reached, or reading failed (see the error text).
 int slc_read_boundary(SlcStream *s, SliceContour *c);
 
 // Writes c as a boundary of the current layer; the header block goes out
-// with the first boundary. Only CONTOUR_PART contours are accepted.
+// with the first boundary, or when c is null (which writes nothing else, so
+// that a layer without boundaries keeps its record). Only contours of the
+// header's TYPE (CONTOUR_PART by default) are accepted; others give 0 and
+// record nothing.
 int slc_write_entity(SlcStream *s, const SliceContour *c);
 
 // Builds the sampling table from increasing z levels ended by FLT_MAX: one

@@ -87,8 +87,7 @@ int slc_ungetc(SlcStream *s, int c);
 uint64_t slc_bytes_left(const SlcStream *s);
 
 int slc_read_u32_slow(SlcStream *s, uint32_t *out);
-// Little-endian u32. A byte past the end of the input reads as 0xFF; only a
-// failed read fails.
+// Little-endian u32. Running out of input records a premature end.
 inline int slc_read_u32(SlcStream *s, uint32_t *out) {
     if (s->pos + 4 <= s->limit) {
         const uint8_t *p = s->buffer + s->pos;
@@ -99,13 +98,15 @@ inline int slc_read_u32(SlcStream *s, uint32_t *out) {
     }
     return slc_read_u32_slow(s, out);
 }
-// Little-endian f32; a NaN records 5 and fails. Scaled when unit scaling is on.
+// Little-endian f32; a NaN records 5, an infinity 6 ("illegal number"). Scaled
+// when unit scaling is on.
 inline int slc_read_f32(SlcStream *s, float *out) {
     uint32_t bits;
     if (!slc_read_u32(s, &bits)) return 0;
+    if ((bits & 0x7F800000u) == 0x7F800000u)
+        return slc_fail(s, (bits & 0x007FFFFFu) ? SLC_E_NAN : SLC_E_NUMBER);
     float v;
     memcpy(&v, &bits, sizeof v);
-    if (v != v) return slc_fail(s, SLC_E_NAN);
     *out = (s->flags & SLC_F_SCALE) ? v * s->unit_factor : v;
     return 1;
 }

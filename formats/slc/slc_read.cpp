@@ -22,11 +22,8 @@ int to_upper(int c) {
     return c >= 'a' && c <= 'z' ? c - ('a' - 'A') : c;
 }
 
-float to_f32(double v) {
-    if (v > FLT_MAX) return HUGE_VALF;
-    if (v < -FLT_MAX) return -HUGE_VALF;
-    return static_cast<float>(v);
-}
+// Doubles below this in magnitude round to a finite float.
+constexpr double f32_limit = 0x1.ffffffp+127;
 
 // A byte of the header text; running past its end records a premature end.
 int scan_getc(SlcStream *s) {
@@ -93,7 +90,8 @@ void scan_word(SlcStream *s, char *field, uint32_t limit) {
     if (c != ' ') slc_ungetc(s, c);
 }
 
-// A number value; out keeps its value when the token does not convert.
+// A number value; out keeps its value when the token does not convert. A
+// NaN records 5, a value beyond float range (infinity too) records 6.
 void scan_number(SlcStream *s, float *out) {
     int c;
     do
@@ -106,7 +104,14 @@ void scan_number(SlcStream *s, float *out) {
     s->token[n] = '\0';
     slc_ungetc(s, c);
     double v;
-    if (parse_double(s->token, &v)) *out = to_f32(v);
+    if (!parse_double(s->token, &v)) return;
+    if (v != v) {
+        slc_fail(s, SLC_E_NAN);
+    } else if (!(std::fabs(v) < f32_limit)) {
+        slc_fail(s, SLC_E_NUMBER);
+    } else {
+        *out = static_cast<float>(v);
+    }
 }
 
 void parse_header_text(SlcStream *s) {
@@ -202,7 +207,8 @@ void scale_header(SlcHeader *h, float factor) {
 }
 
 int read_sampling_table(SlcStream *s) {
-    int n = slc_getc(s) & 0xFF;
+    int n = slc_getc(s);
+    if (n == SLC_EOF) return slc_fail(s, SLC_E_EOF);
     if (s->io_failed) return 0;
     // Entries are kept here until they have all been read, so a count byte
     // alone never makes the reader allocate.
@@ -228,7 +234,8 @@ int read_header_block(SlcStream *s) {
     s->flags &= ~SLC_F_BINARY;
     uint8_t text[SLC_HEADER_TEXT_MAX + 1];
     uint32_t len = 0;
-    for (;;) {
+    for (uint32_t searched = 0;; searched++) {
+        if (searched == SLC_HEADER_SEARCH) return slc_fail(s, SLC_E_NOT_SLC);
         int c = slc_getc(s);
         if (s->io_failed) return 0;
         if (c == SLC_EOF) return slc_fail(s, SLC_E_EOF);
@@ -246,19 +253,20 @@ int read_header_block(SlcStream *s) {
     if (s->flags & SLC_F_SCALE) scale_header(s->header, s->unit_factor);
     s->flags |= SLC_F_HEADER_READ | SLC_F_BINARY;
 
-    for (uint32_t i = 0; i < SLC_RESERVED_SIZE; i++)
-        slc_getc(s);
+    for (uint32_t i = 0; i < SLC_RESERVED_SIZE; i++) {
+        if (slc_getc(s) == SLC_EOF) return slc_fail(s, SLC_E_EOF);
+    }
     if (s->io_failed) return 0;
     return read_sampling_table(s);
 }
 
 // Reads the vertices into c. On a measured file a count that the bytes left
-// cannot hold fails at once, as reading the missing bytes would (they read
-// as NaN); otherwise the array grows as vertices arrive.
+// cannot hold is a premature end at once; otherwise the array grows as
+// vertices arrive.
 int read_vertices(SlcStream *s, SliceContour *c, uint32_t n) {
     if (s->measured) {
         if (static_cast<uint64_t>(n) * sizeof(SlicePoint) > slc_bytes_left(s))
-            return slc_fail(s, SLC_E_NAN);
+            return slc_fail(s, SLC_E_EOF);
         if (!contour_reserve_points(c, n)) return slc_fail(s, SLC_E_MEMORY);
     }
     for (uint32_t i = 0; i < n; i++) {
@@ -295,7 +303,7 @@ int read_boundary(SlcStream *s, SliceContour *c) {
     }
     uint32_t vertices, gaps;
     if (!slc_read_u32(s, &vertices) || !slc_read_u32(s, &gaps)) return 0;
-    c->kind = s->header->type;
+    c->kind = s->header->type ? s->header->type : CONTOUR_PART;
     c->count = vertices;
     c->gaps = gaps;
     c->held = 0;
@@ -312,8 +320,7 @@ int slc_read_boundary(SlcStream *s, SliceContour *c) {
     if (s->mode != SLC_MODE_READ) return slc_fail(s, SLC_E_CONTEXT);
     if (s->finished) return 0;
     int r = read_boundary(s, c);
-    // After the end record, or once the binary part has failed, nothing
-    // more is read. A header text that could not be read is tried again.
-    if (r == 0 && (s->flags & SLC_F_HEADER_READ)) s->finished = 1;
+    // After the end record, or once reading has failed, nothing more is read.
+    if (r == 0) s->finished = 1;
     return r;
 }

@@ -2,7 +2,6 @@
 // and the unit factor.
 #include <cerrno>
 #include <cfloat>
-#include <cmath>
 #include <cstring>
 
 #include "formats/slc/slc_internal.h"
@@ -27,6 +26,7 @@ const char *const error_texts[] = {
     "error in context (programming error?)",
     "illegal argument (programming error?)",
     "limit exceeded",
+    "not an SLC file",
 };
 
 // Alphabetical; the code of a keyword is its place counted from 1.
@@ -147,7 +147,9 @@ int slc_set_option(SlcStream *s, int code, void *value) {
     case SLC_OPT_LAYER: {
         if (!writing) return 0;
         const SlcLayerInfo *layer = static_cast<const SlcLayerInfo *>(value);
-        if (std::fabs(static_cast<double>(layer->z) - s->layer_z) < FLT_EPSILON) return 1;
+        // Only the very same z is the same layer: levels closer than that are
+        // distinct layers, whose boundaries must not join the previous one.
+        if (layer->z == s->layer_z) return 1;
         if (!(s->flags & SLC_F_HEADER_PENDING) &&
             !slc_write_layer_record(s, layer->z, layer->count))
             return 0;
@@ -264,8 +266,11 @@ uint64_t slc_bytes_left(const SlcStream *s) {
 
 int slc_read_u32_slow(SlcStream *s, uint32_t *out) {
     uint32_t v = 0;
-    for (int i = 0; i < 4; i++)
-        v |= static_cast<uint32_t>(slc_getc(s) & 0xFF) << (8 * i);
+    for (int i = 0; i < 4; i++) {
+        int c = slc_getc(s);
+        if (c == SLC_EOF) return slc_fail(s, SLC_E_EOF);
+        v |= static_cast<uint32_t>(c & 0xFF) << (8 * i);
+    }
     if (s->io_failed) return 0;
     *out = v;
     return 1;

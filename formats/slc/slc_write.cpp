@@ -81,10 +81,10 @@ int slc_finish(SlcStream *s) {
 
 int slc_write_entity(SlcStream *s, const SliceContour *c) {
     if (!s) return 0;
-    if (!c) return slc_fail(s, SLC_E_ARGUMENT);
     if (s->mode != SLC_MODE_WRITE) return slc_fail(s, SLC_E_CONTEXT);
     if ((s->flags & SLC_F_HEADER_PENDING) && !write_header_block(s)) return 0;
-    if (c->kind != CONTOUR_PART) return 0;
+    if (!c) return 1;
+    if (c->kind != s->header->type) return 0;
     if (c->count > c->capacity || (c->count > 0 && !c->points)) return slc_fail(s, SLC_E_ARGUMENT);
     if (!slc_write_u32(s, c->count) || !slc_write_u32(s, c->gaps)) return 0;
     for (uint32_t i = 0; i < c->count; i++) {
