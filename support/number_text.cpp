@@ -60,31 +60,22 @@ size_t c_library_double(const char *first, const char *start, const char *last, 
     return static_cast<size_t>(start - first) + static_cast<size_t>(stop - text);
 }
 
-} // namespace
-
-size_t format_g(double v, char *out) {
-    auto r = std::to_chars(out, out + NUMBER_TEXT_MAX - 1, v, std::chars_format::general, 6);
-    return r.ec == std::errc() ? static_cast<size_t>(r.ptr - out) : 0;
-}
-
 // Six significant digits of a float between 1e-4 and 999999.5 in magnitude
 // come from integer arithmetic: the float times 10^k (k from 0 to 9) is
 // exact in a double (24 + 21 bits), so rounding that to an integer (ties to
-// even, as printf does) gives the digits "%g" prints. Everything else is left
-// to to_chars.
-size_t format_g_float(float value, char *out) {
+// even, as printf does) gives the digits "%g" prints. Returns 0 for other
+// values (left to to_chars); point tells whether the text has a decimal point.
+size_t float_text(float value, char *out, bool *point) {
     const double v = static_cast<double>(value);
     const double a = std::fabs(v);
+    char *p = out;
+    if (std::signbit(v)) *p++ = '-';
+    *point = false;
     if (a == 0.0) {
-        if (!std::signbit(v)) {
-            out[0] = '0';
-            return 1;
-        }
-        out[0] = '-';
-        out[1] = '0';
-        return 2;
+        *p++ = '0';
+        return static_cast<size_t>(p - out);
     }
-    if (!(a >= 1e-4 && a < 999999.5)) return format_g(v, out);
+    if (!(a >= 1e-4 && a < 999999.5)) return 0;
     // The decimal exponent: floor(log10(a)) is floor(e2 * log10(2)) or one more.
     uint32_t bits;
     memcpy(&bits, &value, sizeof bits);
@@ -104,17 +95,17 @@ size_t format_g_float(float value, char *out) {
     int n = 6; // significant digits without the trailing zeros
     while (digits[n - 1] == '0')
         n--;
-    char *p = out;
-    if (v < 0) *p++ = '-';
     if (exponent >= 0) {
         memcpy(p, digits, static_cast<size_t>(exponent) + 1);
         p += exponent + 1;
         if (n > exponent + 1) {
+            *point = true;
             *p++ = '.';
             memcpy(p, digits + exponent + 1, static_cast<size_t>(n - exponent - 1));
             p += n - exponent - 1;
         }
     } else {
+        *point = true;
         *p++ = '0';
         *p++ = '.';
         for (int i = -1; i > exponent; i--)
@@ -123,6 +114,19 @@ size_t format_g_float(float value, char *out) {
         p += n;
     }
     return static_cast<size_t>(p - out);
+}
+
+} // namespace
+
+size_t format_g(double v, char *out) {
+    auto r = std::to_chars(out, out + NUMBER_TEXT_MAX - 1, v, std::chars_format::general, 6);
+    return r.ec == std::errc() ? static_cast<size_t>(r.ptr - out) : 0;
+}
+
+size_t format_g_float(float v, char *out) {
+    bool point;
+    const size_t n = float_text(v, out, &point);
+    return n ? n : format_g(static_cast<double>(v), out);
 }
 
 size_t mark_real(char *text, size_t len) {
@@ -143,7 +147,11 @@ size_t mark_real(char *text, size_t len) {
 }
 
 size_t format_marked_real(float v, char *out) {
-    return mark_real(out, format_g_float(v, out));
+    bool point;
+    size_t n = float_text(v, out, &point);
+    if (n == 0) return mark_real(out, format_g(static_cast<double>(v), out));
+    if (!point) out[n++] = '.';
+    return n;
 }
 
 size_t scan_double(const char *first, const char *last, double *out) {
