@@ -1,50 +1,128 @@
 #!/usr/bin/env bash
-# Throughput and memory of whole conversions on a generated file.
-# Times are reported as ratios against `cat input > /dev/null` measured in
-# the same run, so figures from noisy machines stay comparable.
-#   bench/run.sh [megabytes]      (default 200)
+# Whole conversions on generated files, timed against `cp` and `cat` of the
+# same input in the same run, with their peak memory; then the number
+# formatting and scanning timings. Prints Markdown tables.
+#   bench/run.sh [megabytes]      (input size, default 1024; 50 runs quickly)
+# RUNS sets the runs per measurement (the best counts, default 3); the files
+# go to a fresh directory under TMPDIR (default /tmp), removed on exit.
 set -euo pipefail
+export LC_ALL=C
 cd "$(dirname "$0")/.."
-mb=${1:-200}
-cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DLAYTRAN_BENCH=ON -DLAYTRAN_TESTS=OFF >/dev/null
+mb=${1:-1024}
+runs=${RUNS:-3}
+
+cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DLAYTRAN_BENCH=ON \
+    -DLAYTRAN_TESTS=OFF >/dev/null
 cmake --build build-bench >/dev/null
+bin=$PWD/build-bench
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
-./build-bench/bench/gen_slices "$work/in.cli" "$mb"
-# SLC holds part contours only: its runs take a file without hatches.
-./build-bench/bench/gen_slices "$work/parts.cli" "$mb" parts
-exe=./build-bench/laytran
-size=$(stat -c %s "$work/in.cli")
+trap 'exit 1' INT TERM HUP
 
-best() { # best wall time of three runs of "$@", in seconds
-    local best= t0 t1 t
-    for _ in 1 2 3; do
-        t0=$(date +%s.%N); "$@" >/dev/null 2>&1; t1=$(date +%s.%N)
-        t=$(echo "$t1 - $t0" | bc -l)
-        if [ -z "$best" ] || [ "$(echo "$t < $best" | bc -l)" = 1 ]; then best=$t; fi
+# Two generated inputs, three converted from them (the ASCII and .ssl ones
+# two to three times as large) and one output at a time.
+need_kib=$((mb * 1024 * 12))
+free_kib=$(df -Pk "$work" | awk 'NR == 2 { print $4 }')
+if [ "$free_kib" -lt "$need_kib" ]; then
+    echo "run.sh: about $((need_kib / 1024)) MB free needed in $work" >&2
+    exit 1
+fi
+
+fail() {
+    echo "run.sh: $*" >&2
+    exit 1
+}
+
+# Runs "$@" $runs times (output file $1 removed before each, "" for none)
+# and prints the best wall time in seconds and the largest peak RSS in KiB.
+measure() {
+    local out=$1 best= peak=0 t0 t1 t kib
+    shift
+    for ((i = 0; i < runs; i++)); do
+        if [ -n "$out" ]; then rm -f "$out"; fi
+        sync
+        t0=$EPOCHREALTIME
+        /usr/bin/time -f %M -o "$work/rss" "$@" >/dev/null 2>"$work/err" ||
+            fail "failed: $* ($(head -c 300 "$work/err"))"
+        t1=$EPOCHREALTIME
+        t=$(awk -v a="$t0" -v b="$t1" 'BEGIN { printf "%.3f", b - a }')
+        kib=$(tail -1 "$work/rss")
+        if [ -z "$best" ] || awk -v t="$t" -v b="$best" 'BEGIN { exit !(t < b) }'; then best=$t; fi
+        if [ "$kib" -gt "$peak" ]; then peak=$kib; fi
     done
-    echo "$best"
-}
-rss() { # peak resident set of "$@", in KiB
-    /usr/bin/time -f %M "$@" 2>&1 >/dev/null | tail -1
+    echo "$best $peak"
 }
 
-base=$(best sh -c "cat '$work/in.cli' > /dev/null")
-printf 'input: %d bytes (binary long-form CLI); cat baseline %.3f s\n' "$size" "$base"
-printf '%-28s %10s %10s %16s\n' conversion seconds 'x cat' 'peak RSS/input'
-run() { # label, then the laytran arguments
-    local label=$1; shift
-    local t kib
-    t=$(best "$exe" -V 0 "$@")
-    kib=$(rss "$exe" -V 0 "$@")
-    printf '%-28s %10.3f %10.1f %16.2f\n' "$label" "$t" "$(echo "$t / $base" | bc -l)" \
-        "$(echo "$kib * 1024 / $size" | bc -l)"
+convert() { # input, output, -O letters
+    "$bin/laytran" -V 0 -f "$1" -o "$2" -O "$3" >/dev/null 2>&1 && [ -s "$2" ] ||
+        fail "cannot make $2"
 }
-run "binary CLI -> ASCII CLI" -f "$work/in.cli" -o "$work/out-A.cli" -O A
-run "binary CLI -> binary CLI" -f "$work/in.cli" -o "$work/out-b.cli" -O b
-run "binary CLI -> short aligned" -f "$work/in.cli" -o "$work/out-as.cli" -O as
-run "binary CLI (parts) -> SLC" -f "$work/parts.cli" -o "$work/out.slc" -O S
-run "binary CLI -> FDM" -f "$work/in.cli" -o "$work/out.ssl" -O F
-run "ASCII CLI -> binary CLI" -f "$work/out-A.cli" -o "$work/back-A.cli" -O b
-run "SLC -> binary CLI" -f "$work/out.slc" -o "$work/back-S.cli" -O b
-run "FDM -> binary CLI" -f "$work/out.ssl" -o "$work/back-F.cli" -O b
+
+echo "Generating ${mb} MB inputs ..." >&2
+# gen_slices prints "<layers> layers, <points> points".
+generated=$("$bin/bench/gen_slices" "$work/in.cli" "$mb")
+points_all=$(echo "$generated" | awk '{ print $3 }')
+# SLC holds part contours only: its runs take a file without hatches.
+generated=$("$bin/bench/gen_slices" "$work/parts.cli" "$mb" parts)
+points_parts=$(echo "$generated" | awk '{ print $3 }')
+convert "$work/in.cli" "$work/in-ascii.cli" A
+convert "$work/parts.cli" "$work/in.slc" S
+convert "$work/in.cli" "$work/in.ssl" F
+
+# The model of each input: the converted files hold the points of their source.
+declare -A points=([in.cli]=$points_all [in-ascii.cli]=$points_all [in.ssl]=$points_all
+    [parts.cli]=$points_parts [in.slc]=$points_parts)
+declare -A cp_s cat_s
+echo "Measuring cp and cat ..." >&2
+for f in in.cli parts.cli in-ascii.cli in.slc in.ssl; do
+    result=$(measure "$work/copy" cp "$work/$f" "$work/copy")
+    cp_s[$f]=${result% *}
+    rm -f "$work/copy"
+    result=$(measure "" cat "$work/$f")
+    cat_s[$f]=${result% *}
+done
+
+echo
+echo "Machine: $(lscpu | sed -n 's/^Model name: *//p' | head -1), $(nproc) cores," \
+    "$(free -g | awk '/^Mem:/ { print $2 }') GB RAM; $(date +%F); best of $runs runs"
+echo
+echo "| input | MB | points | cp s | cat s |"
+echo "|---|---:|---:|---:|---:|"
+for f in in.cli parts.cli in-ascii.cli in.slc in.ssl; do
+    printf '| %s | %.0f | %d | %.3f | %.3f |\n' "$f" \
+        "$(awk -v s="$(stat -c %s "$work/$f")" 'BEGIN { print s / 1048576 }')" \
+        "${points[$f]}" "${cp_s[$f]}" "${cat_s[$f]}"
+done
+echo
+echo "Peak RSS target of in-memory runs: <= 1.1x the point data (points x 8 bytes)."
+echo
+echo "| conversion | s | x cp | x cat | peak RSS KiB | x point data | target |"
+echo "|---|---:|---:|---:|---:|---:|---|"
+row() { # label, input, -O letters, target
+    local result s kib
+    result=$(measure "$work/out" "$bin/laytran" -V 0 -f "$work/$2" -o "$work/out" -O "$3")
+    rm -f "$work/out"
+    s=${result% *}
+    kib=${result#* }
+    awk -v l="$1" -v s="$s" -v cp="${cp_s[$2]}" -v cat="${cat_s[$2]}" -v k="$kib" \
+        -v p="${points[$2]}" -v t="$4" 'BEGIN {
+            printf "| %s | %.3f | %.1f | %.1f | %d | %.2f | %s |\n",
+                l, s, s / cp, s / cat, k, k * 1024 / (p * 8), t }'
+}
+row "binary long CLI -> binary long CLI" in.cli b "<= 2x cp"
+row "binary long CLI -> aligned long CLI" in.cli a ""
+row "binary long CLI -> short CLI" in.cli s ""
+row "binary long CLI -> short aligned CLI" in.cli as ""
+row "binary long CLI -> SLC" parts.cli S "<= 2.5x cp"
+row "SLC -> binary long CLI" in.slc b "<= 2.5x cp"
+row "ASCII CLI -> binary long CLI" in-ascii.cli b "<= 4x cp"
+row "binary long CLI -> ASCII CLI" in.cli A "<= 6x cp"
+row ".ssl -> binary long CLI" in.ssl b "<= 6x cp"
+row "binary long CLI -> .ssl" in.cli F "<= 6x cp"
+
+echo
+echo "Number texts, ns per value:"
+echo
+echo '```text'
+"$bin/bench/number_bench"
+echo '```'

@@ -1,8 +1,9 @@
 #include "support/parse.h"
 
-#include <cerrno>
 #include <climits>
-#include <cstdlib>
+#include <cstring>
+
+#include "support/number_text.h"
 
 char *str_to_lower(char *text) {
     if (!text) return text;
@@ -14,9 +15,9 @@ char *str_to_lower(char *text) {
 
 int parse_int(const char *text, int *out) {
     if (!text) return 0;
-    char *end = nullptr;
-    long value = strtol(text, &end, 10);
-    // The value is a 32-bit integer; clamp what strtol gives on a wider long.
+    long value = 0;
+    const char *end = text + scan_long(text, text + strlen(text), &value);
+    // The value is a 32-bit integer; clamp what a wider long holds.
     if (value > INT_MAX) value = INT_MAX;
     if (value < INT_MIN) value = INT_MIN;
     *out = static_cast<int>(value);
@@ -24,10 +25,11 @@ int parse_int(const char *text, int *out) {
 }
 
 int parse_double(const char *text, double *out) {
-    char *end = nullptr;
-    double value = strtod(text ? text : "", &end);
+    if (!text) text = "";
+    double value = 0.0;
+    const size_t used = scan_double(text, text + strlen(text), &value);
     *out = value;
-    return text && end != text;
+    return used != 0;
 }
 
 int parse_float(const char *text, float *out) {
@@ -37,4 +39,6 @@ int parse_float(const char *text, float *out) {
     return 1;
 }
 
-int is_nan(double x) { return x != x; }
+int is_nan(double x) {
+    return x != x;
+}

@@ -171,7 +171,7 @@ int ascii_double(CliStream *s, double *out) {
 }
 
 int ascii_real(CliStream *s, float *out) {
-    double v;
+    double v = 0.0;
     if (!ascii_double(s, &v)) return 0;
     float f = to_f32(v);
     if (s->flags & CLI_F_SCALE) f *= s->header->units;

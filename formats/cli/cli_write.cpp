@@ -7,6 +7,7 @@
 #include <ctime>
 
 #include "formats/cli/cli_internal.h"
+#include "support/number_text.h"
 
 namespace {
 
@@ -60,25 +61,6 @@ int write_date(CliStream *s, uint32_t date) {
     if (!ascii(s)) return write_integer(s, date);
     snprintf(s->number, sizeof s->number, "%06d", static_cast<int>(date));
     return cli_write_text(s, s->number, 0);
-}
-
-// The "%g" text of a real marked as one: the exponent letter in upper case
-// and always a decimal point ("5" becomes "5.", "1e+10" becomes "1.E+10").
-void fix_number(char *text) {
-    char *e = strchr(text, 'e');
-    if (e) *e = 'E';
-    if (strchr(text, '.')) return;
-    char *at = strchr(text, 'E');
-    if (!at) {
-        char *last_digit = nullptr;
-        for (char *p = text; *p; p++) {
-            if (*p >= '0' && *p <= '9') last_digit = p;
-        }
-        if (!last_digit) return;
-        at = last_digit + 1;
-    }
-    memmove(at + 1, at, strlen(at) + 1);
-    *at = '.';
 }
 
 // A real in a 16-bit field: its fraction is cut off and the integer must
@@ -230,7 +212,7 @@ int cli_write_real(CliStream *s, float v) {
     if (ascii(s)) {
         // Negative zero is written as 0.
         snprintf(s->number, sizeof s->number - 1, "%g", v == 0.0f ? 0.0 : static_cast<double>(v));
-        fix_number(s->number);
+        s->number[mark_real(s->number, strlen(s->number))] = '\0';
         return cli_write_text(s, s->number, 0);
     }
     if (s->flags & CLI_F_SHORT) {

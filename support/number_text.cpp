@@ -1,0 +1,200 @@
+#include "support/number_text.h"
+
+#include <charconv>
+#include <climits>
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+#include <system_error>
+
+namespace {
+
+// Powers of ten from 1e-5 to 1e6 (exponent + 5 is the index).
+constexpr double decimal_powers[] = {1e-5, 1e-4, 1e-3, 1e-2, 1e-1, 1e0,
+                                     1e1,  1e2,  1e3,  1e4,  1e5,  1e6};
+constexpr double scale_up[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
+}
+
+// The white space strtod and strtol skip in the "C" locale.
+bool is_c_space(char c) {
+    return c == ' ' || (c >= '\t' && c <= '\r');
+}
+
+// Characters strtod may take once past the white space: signs, digits,
+// letters (exponents, hex digits, "inf", "nan"), the point and the
+// parentheses and underscores of a "nan(...)".
+bool may_be_number(char c) {
+    return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '.' ||
+           c == '+' || c == '-' || c == '(' || c == ')' || c == '_';
+}
+
+// strtod on the text from start (white space already passed). The C library
+// needs a null behind the text: when a character in the range ends what it
+// may read, it reads the range itself; otherwise it gets a copy.
+size_t c_library_double(const char *first, const char *start, const char *last, double *out) {
+    const char *end = start;
+    while (end < last && may_be_number(*end))
+        end++;
+    const size_t n = static_cast<size_t>(end - start);
+    char small[128];
+    std::string large;
+    const char *text = start;
+    if (end == last) {
+        if (n < sizeof small) {
+            memcpy(small, start, n);
+            small[n] = '\0';
+            text = small;
+        } else {
+            large.assign(start, n);
+            text = large.c_str();
+        }
+    }
+    char *stop = nullptr;
+    *out = strtod(text, &stop);
+    if (stop == text) return 0;
+    return static_cast<size_t>(start - first) + static_cast<size_t>(stop - text);
+}
+
+// Six significant digits of a float between 1e-4 and 999999.5 in magnitude
+// come from integer arithmetic: the float times 10^k (k from 0 to 9) is
+// exact in a double (24 + 21 bits), so rounding that to an integer (ties to
+// even, as printf does) gives the digits "%g" prints. Returns 0 for other
+// values (left to to_chars); point tells whether the text has a decimal point.
+size_t float_text(float value, char *out, bool *point) {
+    const double v = static_cast<double>(value);
+    const double a = std::fabs(v);
+    char *p = out;
+    if (std::signbit(v)) *p++ = '-';
+    *point = false;
+    if (a == 0.0) {
+        *p++ = '0';
+        return static_cast<size_t>(p - out);
+    }
+    if (!(a >= 1e-4 && a < 999999.5)) return 0;
+    // The decimal exponent: floor(log10(a)) is floor(e2 * log10(2)) or one more.
+    uint32_t bits;
+    memcpy(&bits, &value, sizeof bits);
+    const int e2 = static_cast<int>((bits >> 23) & 0xFF) - 127;
+    int exponent = (e2 * 1233) >> 12;
+    if (a >= decimal_powers[exponent + 6]) exponent++;
+    uint32_t d = static_cast<uint32_t>(std::nearbyint(a * scale_up[5 - exponent]));
+    if (d == 1000000) { // rounded up to the next power of ten
+        d = 100000;
+        exponent++;
+    }
+    char digits[6];
+    for (int i = 5; i >= 0; i--) {
+        digits[i] = static_cast<char>('0' + d % 10);
+        d /= 10;
+    }
+    int n = 6; // significant digits without the trailing zeros
+    while (digits[n - 1] == '0')
+        n--;
+    if (exponent >= 0) {
+        memcpy(p, digits, static_cast<size_t>(exponent) + 1);
+        p += exponent + 1;
+        if (n > exponent + 1) {
+            *point = true;
+            *p++ = '.';
+            memcpy(p, digits + exponent + 1, static_cast<size_t>(n - exponent - 1));
+            p += n - exponent - 1;
+        }
+    } else {
+        *point = true;
+        *p++ = '0';
+        *p++ = '.';
+        for (int i = -1; i > exponent; i--)
+            *p++ = '0';
+        memcpy(p, digits, static_cast<size_t>(n));
+        p += n;
+    }
+    return static_cast<size_t>(p - out);
+}
+
+} // namespace
+
+size_t format_g(double v, char *out) {
+    auto r = std::to_chars(out, out + NUMBER_TEXT_MAX - 1, v, std::chars_format::general, 6);
+    return r.ec == std::errc() ? static_cast<size_t>(r.ptr - out) : 0;
+}
+
+size_t format_g_float(float v, char *out) {
+    bool point;
+    const size_t n = float_text(v, out, &point);
+    return n ? n : format_g(static_cast<double>(v), out);
+}
+
+size_t mark_real(char *text, size_t len) {
+    char *end = text + len;
+    char *e = static_cast<char *>(memchr(text, 'e', len));
+    if (e) *e = 'E';
+    if (memchr(text, '.', len)) return len;
+    char *at = static_cast<char *>(memchr(text, 'E', len));
+    if (!at) {
+        at = end;
+        while (at > text && !is_digit(at[-1]))
+            at--;
+        if (at == text) return len;
+    }
+    memmove(at + 1, at, static_cast<size_t>(end - at));
+    *at = '.';
+    return len + 1;
+}
+
+size_t format_marked_real(float v, char *out) {
+    bool point;
+    size_t n = float_text(v, out, &point);
+    if (n == 0) return mark_real(out, format_g(static_cast<double>(v), out));
+    if (!point) out[n++] = '.';
+    return n;
+}
+
+size_t scan_double(const char *first, const char *last, double *out) {
+    const char *p = first;
+    while (p < last && is_c_space(*p))
+        p++;
+    const char *start = p;
+    if (p < last && (*p == '+' || *p == '-')) p++;
+    *out = 0.0;
+    if (p == last) return 0;
+    const char c = *p;
+    const char lower = static_cast<char>(c | 0x20);
+    // Hex texts and NaN payloads are left to the C library.
+    if ((c == '0' && last - p > 1 && (p[1] | 0x20) == 'x') ||
+        (lower == 'n' && last - p > 3 && p[3] == '('))
+        return c_library_double(first, start, last, out);
+    if (!is_digit(c) && c != '.' && lower != 'i' && lower != 'n') return 0;
+    // from_chars takes a minus but no plus.
+    double v;
+    auto r = std::from_chars(*start == '+' ? p : start, last, v);
+    if (r.ec == std::errc()) {
+        *out = v;
+        return static_cast<size_t>(r.ptr - first);
+    }
+    // Out of range (strtod gives an infinity or a zero) or no number at all.
+    return c_library_double(first, start, last, out);
+}
+
+size_t scan_long(const char *first, const char *last, long *out) {
+    const char *p = first;
+    while (p < last && is_c_space(*p))
+        p++;
+    bool negative = false;
+    if (p < last && (*p == '+' || *p == '-')) negative = *p++ == '-';
+    *out = 0;
+    if (p == last || !is_digit(*p)) return 0;
+    unsigned long magnitude = 0;
+    auto r = std::from_chars(p, last, magnitude);
+    const unsigned long limit = static_cast<unsigned long>(LONG_MAX) + (negative ? 1 : 0);
+    if (r.ec != std::errc() || magnitude > limit) {
+        *out = negative ? LONG_MIN : LONG_MAX;
+    } else {
+        *out = negative ? static_cast<long>(0UL - magnitude) : static_cast<long>(magnitude);
+    }
+    return static_cast<size_t>(r.ptr - first);
+}
