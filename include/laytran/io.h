@@ -61,6 +61,9 @@ struct TranslateOptions {
     bool reverse = false;       // reverse the direction of every contour
     CliHeaderStyle cli_header = CliHeaderStyle::faithful;
     bool keep_empty_layers = true;
+    // 0 keeps the engine's information lines about the input quiet; the
+    // warnings and errors always come.
+    int verbosity = 3;
     // A model larger than this many bytes is translated in two passes,
     // holding one layer at a time (regular input files only). 0 picks the
     // default: half the physical memory, or LAYTRAN_MEMORY when set.
