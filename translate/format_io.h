@@ -87,7 +87,8 @@ class LayerSource {
     // sent once, right after the last layer was read.
     virtual void report_read_end(Reporter &) {}
     // Remarks for the end of the run (commands that were skipped), sent
-    // once, after the output was written and before any error line.
+    // once, after the output was finished and the sink's remarks, and
+    // before any error line.
     virtual void report_run_end(Reporter &) {}
 };
 
@@ -112,8 +113,8 @@ class LayerSink {
     virtual const StreamError &error() const = 0;
     // Gaps met in the contours written so far.
     virtual std::uint64_t gaps() const = 0;
-    // Remarks about what the output could not hold, sent once at the end
-    // of the run, after the source's.
+    // Remarks about what the output could not hold, sent once when the
+    // last layer was written.
     virtual void report_run_end(Reporter &) {}
 };
 
