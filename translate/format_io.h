@@ -97,6 +97,7 @@ struct OutputPlan {
     std::uint64_t layer_count = 0;
     std::vector<float> levels;      // every layer's z in order (SLC's sampling table)
     Bounds bounds;                  // of the converted, placed model, in output units
+    Counts counts;                  // of the whole model, by kind
     double unit_mm = 1.0;           // millimetres per output unit
     bool unit_given = false;        // the unit was chosen by the caller (-U)
     const ModelHeader *source = nullptr; // the input's header (labels, date, ...)
@@ -117,6 +118,18 @@ class LayerSink {
     // last layer was written.
     virtual void report_run_end(Reporter &) {}
 };
+
+// One factory per module (formats/<name>/<name>_layers.h) and the engine's
+// dispatch over them (translate/format_io.cpp).
+std::unique_ptr<LayerSource> make_cli_source(ByteInput &in, Reporter &reporter,
+                                             const SourceOptions &options);
+std::unique_ptr<LayerSource> make_slc_source(ByteInput &in, Reporter &reporter,
+                                             const SourceOptions &options);
+std::unique_ptr<LayerSource> make_fdm_source(ByteInput &in, Reporter &reporter,
+                                             const SourceOptions &options);
+std::unique_ptr<LayerSink> make_cli_sink(OutputForm form, ByteOutput &out, Reporter &reporter);
+std::unique_ptr<LayerSink> make_slc_sink(ByteOutput &out, Reporter &reporter);
+std::unique_ptr<LayerSink> make_fdm_sink(ByteOutput &out, Reporter &reporter);
 
 std::unique_ptr<LayerSource> make_source(InputFormat format, ByteInput &in, Reporter &reporter,
                                          const SourceOptions &options);
