@@ -5,15 +5,20 @@
 #include <vector>
 
 struct RunResult {
-    int status;       // process exit code (255 for the run's -1)
-    std::string out;  // standard output
-    std::string err;  // standard error
+    int status;      // process exit code (255 for the run's -1)
+    std::string out; // standard output
+    std::string err; // standard error
 };
 
 // Runs laytran with args (argv[0] is argv0) in the directory cwd (the
 // current one when empty), feeding input to its standard input.
 RunResult run_laytran(const std::vector<std::string> &args, const std::string &cwd = "",
                       const std::string &input = "", const std::string &argv0 = "laytran",
+                      const std::vector<std::string> &env = {});
+// The same for another executable.
+RunResult run_program(const char *exe, const std::vector<std::string> &args,
+                      const std::string &cwd = "", const std::string &input = "",
+                      const std::string &argv0 = "laytran",
                       const std::vector<std::string> &env = {});
 
 // A fresh directory, removed with everything in it when the object goes.
