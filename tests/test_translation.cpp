@@ -5,6 +5,7 @@
 #include <cfloat>
 #include <cmath>
 #include <gtest/gtest.h>
+#include <unistd.h>
 
 #include "translate/model_ops.h"
 #include "translate/translation.h"
@@ -374,4 +375,30 @@ TEST(Translation, WriteErrors) {
                              ": error writing output file (" +
                              c.line + ")\n");
     }
+}
+
+TEST(Translation, InputBytesReadAgainFromTheirStart) {
+    auto first_bytes = [](std::unique_ptr<ByteInput> in) {
+        std::string s(4, '\0');
+        s.resize(in ? in->read(&s[0], 4) : 0);
+        return s;
+    };
+    InputBytes memory = InputBytes::memory("abcdef", 6);
+    EXPECT_EQ(first_bytes(memory.open()), "abcd");
+    EXPECT_EQ(first_bytes(memory.open()), "abcd");
+    std::FILE *f = tmpfile();
+    std::fputs("xyz-abcdef", f);
+    std::fseek(f, 4, SEEK_SET);
+    InputBytes file = InputBytes::stream(f);
+    EXPECT_EQ(first_bytes(file.open()), "abcd");
+    EXPECT_EQ(first_bytes(file.open()), "abcd");
+    std::fclose(f);
+    int fds[2];
+    ASSERT_EQ(pipe(fds), 0);
+    ASSERT_EQ(write(fds[1], "abcdef", 6), 6);
+    close(fds[1]);
+    InputBytes pipe_input = InputBytes::descriptor(fds[0]);
+    EXPECT_EQ(first_bytes(pipe_input.open()), "abcd");
+    EXPECT_EQ(pipe_input.open(), nullptr); // a pipe is read once
+    close(fds[0]);
 }

@@ -13,6 +13,12 @@
 // input before output. A read error of a CLI input still writes what was
 // read; an SLC or FDM input that fails to read is reported when the load
 // ends and again at the end, and nothing is written.
+//
+// Every run holds the whole model for now (TranslateOptions::memory_budget
+// is not used yet). A run over an input too large for memory fits the same
+// interface: a first pass with one source gathers the OutputPlan (layer
+// count, levels, bounds, counts), and a second source over the same input
+// (InputBytes::open again) feeds the sink one layer at a time.
 #pragma once
 
 #include <cstddef>
