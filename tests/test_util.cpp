@@ -67,12 +67,10 @@ RunResult run_program(const char *exe, const std::vector<std::string> &args, con
         dup2(out, 1);
         dup2(err, 2);
         if (!cwd.empty() && chdir(cwd.c_str()) != 0) _exit(127);
-        for (const std::string &e : env)
-            putenv(strdup(e.c_str()));
+        for (const std::string &e : env) putenv(strdup(e.c_str()));
         std::vector<char *> argv;
         argv.push_back(const_cast<char *>(argv0.c_str()));
-        for (const std::string &a : args)
-            argv.push_back(const_cast<char *>(a.c_str()));
+        for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
         execv(exe, argv.data());
         _exit(127);

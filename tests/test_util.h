@@ -5,9 +5,9 @@
 #include <vector>
 
 struct RunResult {
-    int status;      // process exit code (255 for the run's -1)
-    std::string out; // standard output
-    std::string err; // standard error
+    int status;       // process exit code (255 for the run's -1)
+    std::string out;  // standard output
+    std::string err;  // standard error
 };
 
 // Runs laytran with args (argv[0] is argv0) in the directory cwd (the
