@@ -1,0 +1,23 @@
+// Program entry: makes the standard descriptors and the file size limit
+// fail visibly, then runs the classic command line, whose result is the
+// exit status.
+#include <cerrno>
+#include <csignal>
+#include <fcntl.h>
+#include <unistd.h>
+
+#include "app/classic/run.h"
+
+int main(int argc, char **argv) {
+    // A standard descriptor that is closed gets /dev/null opened the wrong
+    // way round: no file of the run can take its number, and every use of
+    // it fails (a closed standard output fails the run, not some file).
+    for (int fd = 0; fd <= 2; fd++) {
+        if (fcntl(fd, F_GETFD) < 0 && errno == EBADF)
+            open("/dev/null", fd == 0 ? O_WRONLY : O_RDONLY);
+    }
+    // A file size limit makes the write fail with EFBIG, which the run
+    // reports, instead of ending the process without a word.
+    signal(SIGXFSZ, SIG_IGN);
+    return laytran::classic::run(argc, argv);
+}
