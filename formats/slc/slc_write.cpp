@@ -1,8 +1,10 @@
 // The SLC writer: the header block with the first boundary, layer records,
 // boundaries, the sampling table and the end record.
+#include <algorithm>
 #include <cfloat>
 #include <cmath>
 #include <cstring>
+#include <limits>
 
 #include "formats/slc/slc_internal.h"
 #include "support/mm.h"
@@ -12,6 +14,16 @@ namespace {
 const char *const default_version = "2.0";
 const char *const default_package = "Vantorell/Plexo_Forge_3.3";
 constexpr float default_level_tolerance = 1.5e-5f;
+
+// The spacing of two levels is only known to the resolution of the floats
+// that hold them: from about 256 on, levels 0.1 apart differ in spacing by
+// more than 1.5e-5 from layer to layer. A few units in their last place are
+// allowed beyond the tolerance.
+float spacing_tolerance(float tolerance, float a, float b) {
+    const float m = std::max(std::fabs(a), std::fabs(b));
+    const float ulp = std::nextafter(m, std::numeric_limits<float>::infinity()) - m;
+    return std::max(tolerance, 4.0f * ulp);
+}
 
 // A keyword with its "-" where it takes one, then one space.
 int write_keyword(SlcStream *s, uint32_t code) {
@@ -102,7 +114,8 @@ int slc_set_sampling_levels(SlcStream *s, const float *levels, const float *tole
     for (uint32_t i = 2; levels[i] != FLT_MAX; i++) {
         if (levels[i - 1] >= levels[i]) return slc_fail(s, SLC_E_ARGUMENT);
         const float d = levels[i] - levels[i - 1];
-        if (std::fabs(d - s->samples[s->sample_count - 1].thickness) > tol) {
+        if (std::fabs(d - s->samples[s->sample_count - 1].thickness) >
+            spacing_tolerance(tol, levels[i - 1], levels[i])) {
             entry = {levels[i], d, 0.0f, 0.0f};
             if (!slc_append_sample(s, &entry)) return 0;
         }
