@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <sstream>
 #include <string>
 #include <unistd.h>
 #include <vector>
@@ -38,23 +39,26 @@ Contour hatch(uint32_t id, std::vector<Point> p) {
 }
 using Layers = std::vector<Layer>;
 
-bool same(const Layers &a, const Layers &b) {
-    if (a.size() != b.size()) return false;
-    for (size_t i = 0; i < a.size(); i++) {
-        const auto &ca = a[i].contours, &cb = b[i].contours;
-        if (a[i].z != b[i].z || ca.size() != cb.size()) return false;
-        for (size_t j = 0; j < ca.size(); j++) {
-            if (ca[j].kind != cb[j].kind || ca[j].id != cb[j].id ||
-                ca[j].direction != cb[j].direction || ca[j].points.size() != cb[j].points.size())
-                return false;
-            for (size_t k = 0; k < ca[j].points.size(); k++) {
-                if (ca[j].points[k].x != cb[j].points[k].x ||
-                    ca[j].points[k].y != cb[j].points[k].y)
-                    return false;
-            }
-        }
+// Contours and models as text, so that a failed comparison shows what
+// differs.
+std::string as_text(const Contour &c) {
+    std::ostringstream s;
+    s.precision(9);
+    s << " " << static_cast<int>(c.kind) << "/" << c.id << "/" << c.direction << "(";
+    for (const Point &p : c.points)
+        s << p.x << "," << p.y << ";";
+    return s.str() + ")";
+}
+std::string as_text(const Layers &m) {
+    std::ostringstream s;
+    s.precision(9);
+    for (const Layer &l : m) {
+        s << "z" << l.z << ":";
+        for (const Contour &c : l.contours)
+            s << as_text(c);
+        s << "\n";
     }
-    return true;
+    return s.str();
 }
 
 // Everything a CliReader gives: layers (each element of its own, and a
@@ -160,7 +164,7 @@ TEST(CliModule, EveryWriterFormReadsBack) {
             Read r = read_cli(bytes, block == 0, block);
             EXPECT_EQ(r.error, CliError::none);
             EXPECT_TRUE(r.clean);
-            EXPECT_TRUE(same(r.layers, m));
+            EXPECT_EQ(as_text(r.layers), as_text(m));
             const CliHeaderInfo &h = r.header;
             EXPECT_TRUE(h.units == 1.0f && h.date == 191126u && h.layers == 3u &&
                         h.xmax == 60000.0 && h.zmin == 0 &&
@@ -186,24 +190,10 @@ TEST(CliModule, WriterBytesOfEveryForm) {
               "$$POLYLINE/1,0,2,3.,0.25,1.E+10,-12.\n$$POLYLINE/2,1,1,0.,0.\n"
               "$$HATCHES/5,1,1.,2.,3.,4.\n$$LAYER/2.\n$$LAYER/3.\n$$HATCHES/6,0,\n"
               "$$GEOMETRYEND");
-    // Units 0 are written 0.01; a height given before the header replaces
-    // the one before it, the same height after it writes nothing.
-    h.units = 0;
-    h.dimension = "";
-    std::string bytes;
-    {
-        ByteOutput out(&bytes);
-        CliWriter w(out, OutputForm::cli_ascii);
-        w.set_header(h);
-        EXPECT_TRUE(w.set_layer(6) && w.set_layer(7) && w.write_header());
-        EXPECT_TRUE(w.set_layer(7) && w.set_layer(8) && w.finish());
-    }
-    EXPECT_EQ(bytes, "$$HEADERSTART\n$$ASCII\n$$VERSION/200\n$$UNITS/0.01\n$$DATE/010126\n"
-                     "$$HEADEREND\n$$GEOMETRYSTART\n$$LAYER/7.\n$$LAYER/8.\n$$GEOMETRYEND");
     // Short aligned binary: fractions cut off, padding before every value
     // but between x and y.
-    h = test_header();
-    h.layers = 0;
+    h.units = 1;
+    h.date = 191126;
     h.dimension = "";
     const std::string head = "$$HEADERSTART\n$$BINARY\n$$ALIGN\n$$VERSION/200\n$$UNITS/1.\n"
                              "$$DATE/191126\n$$HEADEREND";
@@ -222,47 +212,6 @@ TEST(CliModule, WriterBytesOfEveryForm) {
               head + pad + u16(127) + u16(0) + f32(2) + u16(130) + u16(0) + u32(7) + u32(1) +
                   u32(1) + f32(0.9f) + f32(2.9f) + hatches + u16(130) + u16(0) + u32(6) + u32(0) +
                   u16(0));
-    // Nothing written: only the end keyword, whatever the form.
-    bytes.clear();
-    {
-        ByteOutput out(&bytes);
-        CliWriter w(out, OutputForm::cli_binary);
-        EXPECT_TRUE(w.finish());
-    }
-    EXPECT_EQ(bytes, "$$GEOMETRYEND");
-}
-
-TEST(CliModule, WriterRefusesValuesThatDoNotFitTheirField) {
-    const Point low[] = {{-1, 0}}, high[] = {{0, 65536}, {0, 0}};
-    const struct {
-        OutputForm form;
-        CliElementKind kind;
-        uint32_t id;
-        const Point *p;
-        CliField field;
-        double value;
-    } cases[] = {
-        {OutputForm::cli_short, CliElementKind::polyline, 1, low, CliField::x, -1},
-        {OutputForm::cli_aligned, CliElementKind::polyline, 70000, low, CliField::id, 70000},
-        {OutputForm::cli_binary, CliElementKind::hatches, 1, high, CliField::y, 65536},
-    };
-    for (const auto &k : cases) {
-        std::string bytes;
-        ByteOutput out(&bytes);
-        CliWriter w(out, k.form);
-        ASSERT_TRUE(w.set_layer(1) && w.write_header());
-        const uint64_t before = out.offset();
-        EXPECT_FALSE(
-            w.write_element(k.kind, k.id, 0, k.p, k.kind == CliElementKind::hatches ? 2 : 1));
-        EXPECT_EQ(w.error(), CliError::field);
-        EXPECT_TRUE(w.fault().field == k.field && w.fault().value == k.value);
-        EXPECT_EQ(out.offset(), before); // nothing of the element went out
-    }
-    std::string bytes;
-    ByteOutput out(&bytes);
-    CliWriter w(out, OutputForm::cli_short);
-    EXPECT_FALSE(w.set_layer(65536.0f));
-    EXPECT_EQ(w.fault().field, CliField::layer_height);
 }
 
 TEST(CliModule, ReaderAsciiHardCases) {
@@ -322,8 +271,7 @@ TEST(CliModule, ReaderAsciiHardCases) {
             EXPECT_LE(r.capacity, 300u);
             if (n) {
                 EXPECT_EQ(l->z, k.z);
-                EXPECT_TRUE(
-                    same({{k.z, 0, {l->contours[0]}}}, {{k.z, 0, {part(1, 0, {{1, 2}, {3, 4}})}}}));
+                EXPECT_EQ(as_text(l->contours[0]), as_text(part(1, 0, {{1, 2}, {3, 4}})));
             }
         }
     }
@@ -339,7 +287,7 @@ TEST(CliModule, ReaderAsciiHardCases) {
     EXPECT_EQ(r.header.layers, 3u);
     EXPECT_EQ(r.header.xmax + r.header.ymax + r.header.zmax, 60.0);
     EXPECT_EQ(r.header.xmin + r.header.ymin + r.header.zmin, 0.0);
-    EXPECT_TRUE(same(r.layers, {{1, 0, {hatch(5, {{1, 2}, {3, 4}, {5, 6}, {7, 8}})}}}));
+    EXPECT_EQ(as_text(r.layers), as_text({{1, 0, {hatch(5, {{1, 2}, {3, 4}, {5, 6}, {7, 8}})}}}));
 }
 
 TEST(CliModule, ReaderBinaryHardCases) {
@@ -383,8 +331,7 @@ TEST(CliModule, ReaderBinaryHardCases) {
             EXPECT_EQ(r.error, k.error);
             EXPECT_LE(r.capacity, 300u);
             if (n) {
-                EXPECT_TRUE(
-                    same({r.layers[0]}, {{r.layers[0].z, 0, {part(1, 0, {{1, 2}, {3, 4}})}}}));
+                EXPECT_EQ(as_text(r.layers[0].contours[0]), as_text(part(1, 0, {{1, 2}, {3, 4}})));
             }
         }
     }
@@ -460,7 +407,8 @@ TEST(CliModule, SourceLayersHeaderAndRemarks) {
     EXPECT_FALSE(s.error);
     // Elements before the first layer make one at 0; a layer without
     // elements is dropped, one with an empty polyline is not.
-    EXPECT_TRUE(same(s.layers, {{0, 0, {first}}, {2, 0, {hatches}}, {3, 0, {part(3, 2, {})}}}));
+    EXPECT_EQ(as_text(s.layers),
+              as_text({{0, 0, {first}}, {2, 0, {hatches}}, {3, 0, {part(3, 2, {})}}}));
     const ModelHeader &h = s.header;
     EXPECT_TRUE(h.format == InputFormat::cli && h.variant == "ASCII" && h.unit_mm == 0.5 &&
                 h.declared_layers == 4u);
@@ -506,24 +454,15 @@ TEST(CliModule, SourceLayersHeaderAndRemarks) {
     EXPECT_EQ(skipped.substr(0, head.size()), head);
     EXPECT_EQ(skipped.substr(skipped.size() - last.size()), last);
     Source r = run_source(signed_short);
-    EXPECT_TRUE(same(r.layers, {{50, 0, {part(1, 1, {{-800, 0}, {1200, 10}})}}}));
+    EXPECT_EQ(as_text(r.layers), as_text({{50, 0, {part(1, 1, {{-800, 0}, {1200, 10}})}}}));
     EXPECT_EQ(r.header.variant, "binary, short form");
 
-    // Errors: the module's code and text, where, and the errno of a read.
+    // Errors: the module's code and text, and where it happened.
     const std::string nan = ascii_head + "$$LAYER/1 $$POLYLINE/1,1,2,0,0,nan,1";
     r = run_source(nan);
     EXPECT_TRUE(r.error.code == 5 && std::string(r.error.text) == "floating-point value is NaN" &&
                 r.error.offset == nan.rfind(','));
     EXPECT_EQ(r.messages, "");
-    int fd = open(".", O_RDONLY);
-    ByteInput dir(fd);
-    DiagnosticSink none;
-    Reporter reporter(none);
-    auto source = make_cli_source(dir, reporter, SourceOptions());
-    Layer layer;
-    EXPECT_FALSE(source->next_layer(layer));
-    EXPECT_TRUE(source->error().code == 2 && source->error().system_error == EISDIR);
-    close(fd);
 }
 
 namespace {
@@ -633,6 +572,7 @@ TEST(CliModule, SinkClassicAndFaithful) {
         EXPECT_TRUE(s.error.code == 16 &&
                     std::string(s.error.text) == "value does not fit its 16-bit field");
         EXPECT_EQ(s.error.detail, k.detail);
+        EXPECT_EQ(s.bytes, "$$GEOMETRYEND"); // nothing of the refused element went out
     }
     // finish() alone ends the file as the classic program does.
     std::string bytes;
