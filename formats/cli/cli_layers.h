@@ -16,18 +16,18 @@
 //
 // make_cli_sink writes one of the five CLI forms. Part contours become
 // polylines; hatch, support and web contours blocks of hatches. A contour
-// with gaps is split at its gap marks; a final piece of fewer than two
-// points is left out. The header says version 200, the plan's unit (with a
-// warning when it is not 0.01 mm), the input's $$DATE when it is a CLI file
-// that gives one (today's date otherwise) and the layer count; with
-// CliHeaderStyle::classic $$DIMENSION is the fixed frame 0..60000 and the
-// header goes out with the first element; with CliHeaderStyle::faithful it
-// is the plan's bounds, minimum corner first, the input's $$LABEL entries
-// follow, and the header goes out with the first layer, so that layers
-// without elements are kept. A value that does not fit its 16-bit field
-// fails with error `field`, whose detail names the value, where it is and
-// what helps. finish() is to be called in any case: without begin() it
-// ends the file with a lone $$GEOMETRYEND, as the classic program does.
+// with gaps is split at its gap marks: each piece before a mark is written
+// as it is (even an empty one); what follows the last mark, like a contour
+// without gaps, only when it holds two points or more. The header says version 200, the plan's unit
+// (with a warning when it is not 0.01 mm), the input's $$DATE when it is a CLI file that gives one
+// (today's date otherwise) and the layer count; with CliHeaderStyle::classic $$DIMENSION is the
+// fixed frame 0..60000 and the header goes out with the first element; with
+// CliHeaderStyle::faithful it is the plan's bounds, minimum corner first, the input's $$LABEL
+// entries follow (bytes that would end a label's text written as blanks), and the header goes out
+// with the first layer, so that layers without elements are kept. A value that does not fit its
+// 16-bit field fails with error `field`, whose detail names the value, where it is and what helps.
+// finish() is to be called in any case: without begin() it ends the file with a lone $$GEOMETRYEND,
+// as the classic program does.
 #pragma once
 
 #include "translate/format_io.h"
