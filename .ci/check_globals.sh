@@ -21,8 +21,13 @@ fi
 # Writable data in the objects (left out: the section symbols themselves,
 # the iostream initializer object and the exception-handling references the
 # compiler adds).
+# (Objects left in the build directory by deleted sources are skipped.)
+objdir=$build/CMakeFiles/laytran_lib.dir
 objects=$(for d in "${dirs[@]}"; do
-  find "$build/CMakeFiles/laytran_lib.dir/$d" -name '*.o' 2>/dev/null
+  find "$objdir/$d" -name '*.o' 2>/dev/null
+done | while read -r o; do
+  source=${o#"$objdir/"}
+  if [ -e "${source%.o}" ]; then echo "$o"; fi
 done)
 if [ -z "$objects" ]; then
   echo "check_globals: no objects under $build (build first)" >&2

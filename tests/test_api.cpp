@@ -1,9 +1,6 @@
 // The public API: paths written through a temporary file, the input refused
 // as output; reading, writing and translating in memory and on paths;
 // eight translations at once on eight threads.
-//
-// The tests that translate need the format modules; while this branch links
-// the stub factories (translate/stub_modules.cpp) they are skipped.
 #include <dirent.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -13,24 +10,10 @@
 #include "laytran/laytran.h"
 #include "support/atomic_output.h"
 #include "test_util.h"
-#include "translate/format_io.h"
 
 using namespace laytran;
 
 namespace {
-
-bool modules_linked() {
-    ByteInput in("", 0);
-    std::string bytes;
-    ByteOutput out(&bytes);
-    DiagnosticSink none;
-    Reporter r(none);
-    return make_cli_source(in, r, {}) && make_slc_source(in, r, {}) && make_fdm_source(in, r, {}) &&
-           make_cli_sink(OutputForm::cli_ascii, out, r) && make_slc_sink(out, r) &&
-           make_fdm_sink(out, r);
-}
-
-const char no_modules[] = "the format modules are not linked yet (stub factories)";
 
 std::string listing(const std::string &dir) {
     std::string all;
@@ -126,7 +109,6 @@ TEST(Api, InputAsOutputIsRefusedAndAFailedCallKeepsThePreviousFile) {
 }
 
 TEST(Api, ReadWriteAndTranslateInMemoryAndOnPaths) {
-    if (!modules_linked()) GTEST_SKIP() << no_modules;
     TempDir d;
     const std::string text = read_file(source_path("samples/plate.cli"));
     Log log;
@@ -163,7 +145,6 @@ TEST(Api, ReadWriteAndTranslateInMemoryAndOnPaths) {
 }
 
 TEST(Api, ModelReadAndWrittenBackEqualsTheProgramsOutput) {
-    if (!modules_linked()) GTEST_SKIP() << no_modules;
     ReadOptions read;
     read.keep_empty_layers = false;
     Model model;
@@ -184,7 +165,6 @@ TEST(Api, ModelReadAndWrittenBackEqualsTheProgramsOutput) {
 // formats: every output and every message as in a run on its own. The
 // outputs of the first four runs alone are the inputs of the last four.
 TEST(Concurrency, EightTranslationsOnEightThreads) {
-    if (!modules_linked()) GTEST_SKIP() << no_modules;
     TempDir d;
     struct Job {
         std::string in;

@@ -24,11 +24,15 @@ namespace laytran {
 
 // What a CLI output header says.
 enum class CliHeaderStyle {
+    // Both styles say version 200 and carry the input's $$DATE when the
+    // input is a CLI file that gives one (its last, when it gives several),
+    // today's date otherwise.
+    //
     // $$DIMENSION from the model's real bounds (minimum corner first),
-    // $$LABEL entries carried over, the input's $$DATE when it has one.
+    // $$LABEL entries carried over.
     faithful,
-    // The fixed header of the classic command line: a 0..60000 frame for
-    // $$DIMENSION, version 200, today's date, no labels.
+    // The header of the classic command line: a fixed 0..60000 frame for
+    // $$DIMENSION, no labels.
     classic,
 };
 
