@@ -9,6 +9,7 @@
 
 #include "laytran/laytran.h"
 #include "support/atomic_output.h"
+#include "support/system_error.h"
 #include "test_util.h"
 
 using namespace laytran;
@@ -104,6 +105,9 @@ TEST(Api, InputAsOutputIsRefusedAndAFailedCallKeepsThePreviousFile) {
     Model model;
     EXPECT_FALSE(read_model(d.file("none.cli"), {}, model, log.sink()));
     EXPECT_EQ(log.text, "error reading input file (open error: No such file or directory)\n");
+    // A number the system has no text for still names itself.
+    EXPECT_EQ(system_error_text(1000), "unknown error code d=1000, x=3e8");
+    EXPECT_EQ(system_error_text(-1), "unknown error code d=-1, x=ffffffff");
     EXPECT_STREQ(version(), LAYTRAN_VERSION_STRING);
     EXPECT_STREQ(version(), "3.0a");
 }
