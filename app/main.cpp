@@ -1,13 +1,12 @@
 // Program entry: makes the standard descriptors and the file size limit
-// fail visibly, creates the (hidden) progress window and hands the process's
-// own argument vector to the run, whose result is the exit status.
+// fail visibly, then runs the classic command line, whose result is the
+// exit status.
 #include <cerrno>
 #include <csignal>
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "app/progress.h"
-#include "app/run_job.h"
+#include "app/classic/run.h"
 
 int main(int argc, char **argv) {
     // A standard descriptor that is closed gets /dev/null opened the wrong
@@ -20,6 +19,5 @@ int main(int argc, char **argv) {
     // A file size limit makes the write fail with EFBIG, which the run
     // reports, instead of ending the process without a word.
     signal(SIGXFSZ, SIG_IGN);
-    progress_create();
-    return run_job(argc, argv);
+    return laytran::classic::run(argc, argv);
 }

@@ -11,9 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "formats/fdm/fdm_internal.h"
+#include "formats/fdm/fdm_io.h"
 #include "support/number_text.h"
-#include "support/parse.h"
 
 namespace {
 
@@ -83,9 +82,9 @@ int main(int argc, char **argv) {
     });
     double fixed_ns = ns_per_value(count, [&] {
         for (float v : inches)
-            sink += fdm_format_fixed(static_cast<double>(v), text);
+            sink += laytran::FdmWriter::format_fixed(static_cast<double>(v), text);
     });
-    row("FDM six decimals (fdm_format_fixed)", fixed_printf_ns, "snprintf", fixed_ns);
+    row("FDM six decimals (format_fixed)", fixed_printf_ns, "snprintf", fixed_ns);
 
     // Tokens as the readers see them: ASCII CLI reals and FDM numbers.
     std::string all;
@@ -109,12 +108,6 @@ int main(int argc, char **argv) {
             sink += scan_double(base + starts[i], base + starts[i + 1] - 1, &v) + (v > 0.0);
     });
     row("real token (scan_double)", strtod_ns, "strtod", scan_ns);
-    double parse_ns = ns_per_value(count, [&] {
-        double v;
-        for (size_t i = 0; i < count; i++)
-            sink += static_cast<size_t>(parse_double(base + starts[i], &v)) + (v > 0.0);
-    });
-    row("real text (parse_double, + strlen)", strtod_ns, "strtod", parse_ns);
     all.clear();
     starts.clear();
     for (size_t i = 0; i < count; i++) {

@@ -1,25 +1,33 @@
-// libFuzzer target: reads every contour of an arbitrary FDM slice input.
+// libFuzzer target: the FDM source reads every layer of an arbitrary slice
+// input. The input's size chooses how it is read, so that the seeds stay
+// plain .ssl files: an odd size from a stream of unknown size in small
+// blocks (1 to 64 bytes: every refill and pushback across a block end), an
+// even size from memory; a size that is a multiple of three keeps empty
+// layers.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
-#include "formats/fdm/fdm_internal.h"
+#include "formats/fdm/fdm_layers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    FILE *f = fmemopen(const_cast<uint8_t *>(data), size, "rb");
-    if (!f) return 0;
-    FdmStream *s = fdm_create();
-    uint32_t mode = FDM_MODE_READ;
-    fdm_set_option(s, FDM_OPT_MODE, &mode);
-    fdm_set_option(s, FDM_OPT_FILE, f);
-    // Small buffers make every input cheap and exercise the refills.
-    s->buffer_size = static_cast<uint32_t>(1 + size % 64);
-    FdmContour c = {};
-    while (fdm_read_contour(s, &c) != 0) {
+    FILE *f = nullptr;
+    std::unique_ptr<laytran::ByteInput> in;
+    if (size % 2) {
+        f = fmemopen(const_cast<uint8_t *>(data), size, "rb");
+        if (!f) return 0;
+        in = std::make_unique<laytran::ByteInput>(f, 1 + size % 64);
+    } else {
+        in = std::make_unique<laytran::ByteInput>(data, size);
     }
-    fdm_free_points(&c);
-    fdm_destroy(s);
-    fclose(f);
+    laytran::SourceOptions options;
+    options.keep_empty_layers = size % 3 == 0;
+    laytran::FdmSource source(*in, options);
+    laytran::Layer layer;
+    while (source.next_layer(layer)) {
+    }
+    if (f) fclose(f);
     return 0;
 }

@@ -1,25 +1,32 @@
-// libFuzzer target: reads every boundary of an arbitrary SLC input.
+// libFuzzer target: the SLC source reads every layer of an arbitrary input.
+// The input's size chooses how it is read, so that the seeds stay plain SLC
+// files: an odd size from a stream of unknown size in small blocks (the
+// refills, and counts that cannot be checked against the size), an even
+// size from memory; a size that is a multiple of three keeps empty layers.
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <memory>
 
-#include "formats/slc/slc.h"
+#include "formats/slc/slc_layers.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    FILE *f = fmemopen(const_cast<uint8_t *>(data), size, "rb");
-    if (!f) return 0;
-    SlcStream *s = slc_create();
-    uint32_t mode = SLC_MODE_READ;
-    uint32_t unit = size % 2 ? SLC_KW_MM : 0u;
-    slc_set_option(s, SLC_OPT_MODE, &mode);
-    slc_set_option(s, SLC_OPT_FILE, f);
-    slc_set_option(s, SLC_OPT_UNIT, &unit);
-    SliceContour c = {};
-    while (slc_read_boundary(s, &c) != 0) {
+    FILE *f = nullptr;
+    std::unique_ptr<laytran::ByteInput> in;
+    if (size % 2) {
+        f = fmemopen(const_cast<uint8_t *>(data), size, "rb");
+        if (!f) return 0;
+        in = std::make_unique<laytran::ByteInput>(f, 1 + size % 64);
+    } else {
+        in = std::make_unique<laytran::ByteInput>(data, size);
     }
-    contour_free_points(&c);
-    slc_destroy(s);
-    fclose(f);
+    laytran::SourceOptions options;
+    options.keep_empty_layers = size % 3 == 0;
+    laytran::SlcSource source(*in, options);
+    laytran::Layer layer;
+    while (source.next_layer(layer)) {
+    }
+    if (f) fclose(f);
     return 0;
 }

@@ -128,6 +128,25 @@ TEST(TranslateSlc, CliToSlcWritesTheExactFile) {
         std::string::npos);
 }
 
+// Levels 0.1 mm apart up to 300 mm keep one spacing in the sampling table,
+// although their floats' spacing varies by more than 1.5e-5 above 256 mm.
+TEST(TranslateSlc, TallStackAtTenthMillimetreLayers) {
+    TempDir dir;
+    std::string cli = "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$HEADEREND\n$$GEOMETRYSTART\n";
+    char line[64];
+    for (int k = 1; k <= 3000; k++) {
+        snprintf(line, sizeof line, "$$LAYER/%.1f\n$$POLYLINE/1,1,3,0,0,1,0,1,1\n", k * 0.1);
+        cli += line;
+    }
+    write_file(dir.file("tall.cli"), cli + "$$GEOMETRYEND\n");
+    RunResult r = run_laytran({"-f", "tall.cli", "-o", "tall.slc"}, dir.path());
+    EXPECT_EQ(r.status, 0);
+    EXPECT_EQ(r.err, "");
+    const std::string slc = read_file(dir.file("tall.slc"));
+    ASSERT_GT(slc.size(), 330u);
+    EXPECT_EQ(slc[72 + 256], '\x01'); // one entry in the sampling table
+}
+
 TEST(TranslateSlc, GapsSplitContoursAndAreReported) {
     TempDir dir;
     const float G = 3.4028235e38f;

@@ -46,6 +46,12 @@ std::string source_path(const std::string &relative) {
 RunResult run_laytran(const std::vector<std::string> &args, const std::string &cwd,
                       const std::string &input, const std::string &argv0,
                       const std::vector<std::string> &env) {
+    return run_program(LAYTRAN_EXE, args, cwd, input, argv0, env);
+}
+
+RunResult run_program(const char *exe, const std::vector<std::string> &args, const std::string &cwd,
+                      const std::string &input, const std::string &argv0,
+                      const std::vector<std::string> &env) {
     TempDir io;
     std::string in_path = io.file("stdin"), out_path = io.file("stdout"),
                 err_path = io.file("stderr");
@@ -66,7 +72,7 @@ RunResult run_laytran(const std::vector<std::string> &args, const std::string &c
         argv.push_back(const_cast<char *>(argv0.c_str()));
         for (const std::string &a : args) argv.push_back(const_cast<char *>(a.c_str()));
         argv.push_back(nullptr);
-        execv(LAYTRAN_EXE, argv.data());
+        execv(exe, argv.data());
         _exit(127);
     }
     int status = 0;

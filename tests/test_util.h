@@ -15,6 +15,11 @@ struct RunResult {
 RunResult run_laytran(const std::vector<std::string> &args, const std::string &cwd = "",
                       const std::string &input = "", const std::string &argv0 = "laytran",
                       const std::vector<std::string> &env = {});
+// The same for another executable.
+RunResult run_program(const char *exe, const std::vector<std::string> &args,
+                      const std::string &cwd = "", const std::string &input = "",
+                      const std::string &argv0 = "laytran",
+                      const std::vector<std::string> &env = {});
 
 // A fresh directory, removed with everything in it when the object goes.
 class TempDir {

@@ -1,0 +1,151 @@
+// The FDM layer source and sink.
+#include "formats/fdm/fdm_layers.h"
+
+#include <cmath>
+#include <new>
+
+namespace laytran {
+
+namespace {
+
+constexpr double inch_mm = 25.4;
+constexpr double standard_thickness = 0.005;
+// The tolerance of the thickness test: the spacing of floats at 1.0.
+constexpr double thickness_tolerance = 1.1920928955078125e-07;
+
+} // namespace
+
+FdmSource::FdmSource(ByteInput &in, const SourceOptions &options)
+    : reader_(in), keep_empty_(options.keep_empty_layers) {
+    header_.format = InputFormat::fdm;
+    header_.unit_mm = inch_mm;
+}
+
+FdmReader::Item FdmSource::next() {
+    FdmReader::Item item = reader_.next(points_, closed_);
+    if (!started_) {
+        started_ = true;
+        header_.variant = "version " + std::to_string(reader_.version());
+        header_.fields = reader_.fields();
+    }
+    if (item == FdmReader::Item::end) {
+        if (!error_) error_ = reader_.error();
+        done_ = true;
+    }
+    return item;
+}
+
+bool FdmSource::next_layer(Layer &layer) {
+    using Item = FdmReader::Item;
+    try {
+        while (!done_) {
+            // The first item after the header is its Z line's layer; a
+            // contour without one would go into a layer at level 0.
+            bool have_contour = false;
+            if (!pending_) {
+                Item item = next();
+                if (item == Item::end) return false;
+                have_contour = item == Item::contour;
+            }
+            pending_ = false;
+            layer.z = have_contour ? 0.0f : static_cast<float>(reader_.z());
+            layer.thickness = have_contour ? 0.0f : static_cast<float>(reader_.thickness());
+            std::size_t used = 0;
+            for (;;) {
+                if (!have_contour) {
+                    Item item = next();
+                    if (item == Item::layer) pending_ = true;
+                    if (item != Item::contour) break;
+                }
+                have_contour = false;
+                if (used == layer.contours.size()) layer.contours.emplace_back();
+                Contour &c = layer.contours[used++];
+                c.kind = ContourKind::part;
+                c.id = 0;
+                c.gaps = 0;
+                c.direction = closed_ ? direction_counter_clockwise : direction_open;
+                // A closed contour ends at its first point again.
+                const bool repeat = closed_ && !points_.empty();
+                c.points.clear();
+                c.points.reserve(points_.size() + repeat);
+                c.points.assign(points_.begin(), points_.end());
+                if (repeat) c.points.push_back(points_[0]);
+            }
+            layer.contours.resize(used);
+            // A layer cut short by an error is given when it holds a contour.
+            if (used > 0 || (keep_empty_ && !error_)) return true;
+        }
+        return false;
+    } catch (const std::bad_alloc &) {
+        if (!error_) {
+            error_.code = static_cast<int>(FdmError::memory);
+            error_.text = fdm_error_text(error_.code);
+        }
+        done_ = true;
+        return false;
+    }
+}
+
+bool FdmSink::write_contour(const Contour &c) {
+    gaps_ += c.gaps;
+    const std::vector<Point> &p = c.points;
+    const std::size_t n = p.size();
+    // The pieces between gap marks are contours of their own.
+    std::size_t start = 0;
+    for (std::size_t i = 0; i < n; i++) {
+        if (!is_gap_mark(p[i])) continue;
+        if (i > start && !writer_.contour(&p[start], i - start)) return false;
+        start = i + 1;
+    }
+    return n - start > 1 ? writer_.contour(&p[start], n - start) : true;
+}
+
+bool FdmSink::write_layer(const Layer &layer) {
+    if (failed_) return false;
+    float thickness = layer.thickness;
+    if (layers_ > 0) {
+        if (thickness == 0.0f) thickness = static_cast<float>(layer.z - previous_z_);
+        if (std::fabs(thickness - standard_thickness) > thickness_tolerance) {
+            if (!warned_) reporter_.warning("layer thickness must be 0.005");
+            warned_ = true;
+        } else {
+            thickness = 0.0f;
+        }
+    }
+    previous_z_ = layer.z;
+    layers_++;
+    bool ok = writer_.layer(layer.z, thickness);
+    for (std::size_t i = 0; ok && i < layer.contours.size(); i++) {
+        const Contour &c = layer.contours[i];
+        if (c.kind == ContourKind::part) {
+            ok = write_contour(c);
+        } else {
+            gaps_ += c.gaps;
+            left_out_.add(c.kind);
+        }
+    }
+    failed_ = !ok;
+    return ok;
+}
+
+bool FdmSink::finish() {
+    // The header goes out even when no contour did, so that the file is whole.
+    if (!failed_) writer_.write_header();
+    return writer_.finish();
+}
+
+void FdmSink::report_run_end(Reporter &reporter) {
+    std::string text = left_out_.warning("FDM");
+    if (!failed_ && !text.empty()) reporter.warning(std::move(text));
+}
+
+std::unique_ptr<LayerSource> make_fdm_source(ByteInput &in, Reporter &,
+                                             const SourceOptions &options) {
+    return std::make_unique<FdmSource>(in, options);
+}
+
+std::unique_ptr<LayerSink> make_fdm_sink(ByteOutput &out, Reporter &reporter) {
+    return std::make_unique<FdmSink>(out, reporter);
+}
+
+} // namespace laytran

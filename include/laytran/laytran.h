@@ -1,0 +1,15 @@
+// laytran: reading, writing and translating layer ("slice") files.
+//
+// Include this header for the whole API:
+//   model.h        the slice model and its queries (bounds, counts)
+//   formats.h      the input formats and output forms
+//   diagnostics.h  messages, and the sink that receives them
+//   io.h           read_model, write_model, translate, version
+//   version.h      the version the library was built as
+#pragma once
+
+#include "laytran/diagnostics.h"
+#include "laytran/formats.h"
+#include "laytran/io.h"
+#include "laytran/model.h"
+#include "laytran/version.h"

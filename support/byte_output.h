@@ -1,0 +1,91 @@
+// Buffered byte output shared by the format writers.
+//
+// Bytes are assembled in one large block and handed to a file descriptor, a
+// C stream or a string in few large writes. The hot paths (put, write of a
+// few bytes, reserve/commit for numbers formatted in place) are inline; the
+// flush is out of line. The first failure is kept (with its errno) and every
+// later write is dropped, so a writer may check once, at the end: `finish()`
+// flushes the last block and reports whether every byte got through.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace laytran {
+
+class ByteOutput {
+  public:
+    static constexpr std::size_t default_block = std::size_t(1) << 20;
+
+    // Writes to the descriptor; it stays the caller's (and is not closed).
+    explicit ByteOutput(int fd, std::size_t block = default_block);
+    // Writes to the stream and flushes it at `finish()`; it stays the
+    // caller's.
+    explicit ByteOutput(std::FILE *stream, std::size_t block = default_block);
+    // Appends to the string, which must outlive the object.
+    explicit ByteOutput(std::string *memory, std::size_t block = default_block);
+
+    ByteOutput(const ByteOutput &) = delete;
+    ByteOutput &operator=(const ByteOutput &) = delete;
+
+    bool put(std::uint8_t c) {
+        if (pos_ < end_) {
+            *pos_++ = c;
+            return true;
+        }
+        return put_slow(c);
+    }
+    bool write(const void *data, std::size_t n) {
+        if (static_cast<std::size_t>(end_ - pos_) >= n) {
+            std::memcpy(pos_, data, n);
+            pos_ += n;
+            return true;
+        }
+        return write_slow(data, n);
+    }
+    bool write(const char *text) { return write(text, std::strlen(text)); }
+    bool write(const std::string &text) { return write(text.data(), text.size()); }
+
+    // Room for n bytes (n <= the block size) to be formatted in place;
+    // `commit(k)` then keeps the first k of them. Null after a failure.
+    char *reserve(std::size_t n) {
+        if (static_cast<std::size_t>(end_ - pos_) >= n) return reinterpret_cast<char *>(pos_);
+        return reserve_slow(n);
+    }
+    void commit(std::size_t k) { pos_ += k; }
+
+    // Hands every buffered byte to the destination (and flushes a stream).
+    bool flush();
+    // The last flush; true when every byte written so far got through.
+    bool finish() { return flush() && !failed_; }
+
+    // Bytes accepted so far (buffered or written).
+    std::uint64_t offset() const { return base_ + static_cast<std::uint64_t>(pos_ - block_.get()); }
+    bool failed() const { return failed_; }
+    int error_number() const { return error_number_; }
+
+  private:
+    bool put_slow(std::uint8_t c);
+    bool write_slow(const void *data, std::size_t n);
+    char *reserve_slow(std::size_t n);
+    // Sends n bytes to the destination; false (with the error kept) when
+    // not all of them got through.
+    bool send(const std::uint8_t *data, std::size_t n);
+
+    int fd_ = -1;
+    std::FILE *stream_ = nullptr;
+    std::string *memory_ = nullptr;
+    std::unique_ptr<std::uint8_t[]> block_;
+    std::size_t block_size_;
+    std::uint8_t *pos_ = nullptr;
+    std::uint8_t *end_ = nullptr;
+    std::uint64_t base_ = 0; // bytes sent before the current block
+    bool failed_ = false;
+    int error_number_ = 0;
+};
+
+} // namespace laytran

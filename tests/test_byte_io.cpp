@@ -1,0 +1,178 @@
+// The shared buffered byte input and output: block boundaries, pushback,
+// offsets and failures, over every kind of source and destination.
+#include <cerrno>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <string>
+#include <unistd.h>
+
+#include "support/byte_input.h"
+#include "support/byte_output.h"
+#include "test_util.h"
+
+using laytran::ByteInput;
+using laytran::ByteOutput;
+
+namespace {
+
+std::string bytes(int n) {
+    std::string s;
+    for (int i = 0; i < n; i++)
+        s.push_back(static_cast<char>(i * 7 + 1));
+    return s;
+}
+
+// Every way of taking bytes out gives the same bytes at the same offsets,
+// whatever the block size and source.
+void expect_reads_back(ByteInput &in, const std::string &want) {
+    std::string got;
+    // Pushback of bytes and of the end, then a contiguous view, then a bulk read.
+    int c = in.get();
+    int d = in.get();
+    ASSERT_TRUE(in.unget(d));
+    ASSERT_TRUE(in.unget(c));
+    EXPECT_EQ(in.offset(), 0u);
+    EXPECT_EQ(in.get(), c);
+    EXPECT_EQ(in.offset(), 1u);
+    EXPECT_EQ(in.get(), d);
+    ASSERT_TRUE(in.unget(d));
+    got.push_back(static_cast<char>(c));
+    EXPECT_EQ(in.offset(), 1u);
+    if (const std::uint8_t *p = in.contiguous(5)) {
+        got.append(reinterpret_cast<const char *>(p), 5);
+        in.skip(5);
+    } else {
+        for (int i = 0; i < 5; i++)
+            got.push_back(static_cast<char>(in.get()));
+    }
+    EXPECT_EQ(in.offset(), 6u);
+    std::string rest(want.size(), '\0');
+    rest.resize(in.read(&rest[0], want.size()));
+    got += rest;
+    EXPECT_EQ(got, want);
+    EXPECT_EQ(in.offset(), want.size());
+    EXPECT_EQ(in.get(), ByteInput::eof);
+    ASSERT_TRUE(in.unget(ByteInput::eof));
+    EXPECT_EQ(in.offset(), want.size()); // the end is not a byte
+    EXPECT_EQ(in.get(), ByteInput::eof);
+    EXPECT_TRUE(in.at_end());
+    EXPECT_FALSE(in.failed());
+}
+
+} // namespace
+
+TEST(ByteInput, EverySourceAndBlockSizeGivesTheSameBytes) {
+    const std::string data = bytes(10000);
+    TempDir d;
+    write_file(d.file("in"), data);
+    {
+        ByteInput in(data.data(), data.size());
+        expect_reads_back(in, data);
+    }
+    for (std::size_t block : {std::size_t(7), std::size_t(64), std::size_t(1) << 20}) {
+        int fd = open(d.file("in").c_str(), O_RDONLY);
+        ByteInput in(fd, block);
+        EXPECT_TRUE(in.size_known());
+        EXPECT_EQ(in.size(), data.size());
+        expect_reads_back(in, data);
+        close(fd);
+        FILE *f = fopen(d.file("in").c_str(), "rb");
+        ByteInput s(f, block);
+        expect_reads_back(s, data);
+        fclose(f);
+    }
+    // A pipe has no size, and gives its bytes in pieces.
+    int p[2];
+    ASSERT_EQ(pipe(p), 0);
+    ASSERT_EQ(write(p[1], data.data(), 4000), 4000);
+    close(p[1]);
+    ByteInput in(p[0], 64);
+    EXPECT_FALSE(in.size_known());
+    EXPECT_EQ(in.remaining(), UINT64_MAX);
+    expect_reads_back(in, data.substr(0, 4000));
+    close(p[0]);
+}
+
+TEST(ByteInput, ContiguousCrossesBlockEndsAndMeasuresFromTheCurrentPosition) {
+    const std::string data = bytes(100);
+    TempDir d;
+    write_file(d.file("in"), data);
+    int fd = open(d.file("in").c_str(), O_RDONLY);
+    ASSERT_EQ(lseek(fd, 10, SEEK_SET), 10);
+    ByteInput in(fd, 16);
+    EXPECT_EQ(in.size(), 90u);
+    for (int i = 0; i < 14; i++)
+        in.get();
+    const std::uint8_t *p = in.contiguous(12); // 2 bytes left in the block
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(std::string(reinterpret_cast<const char *>(p), 12), data.substr(24, 12));
+    in.skip(12);
+    EXPECT_EQ(in.remaining(), 90u - 26u);
+    EXPECT_EQ(in.contiguous(17), nullptr); // more than a block
+    in.unget(in.get());
+    EXPECT_EQ(in.contiguous(1), nullptr); // pushback waits
+    close(fd);
+}
+
+TEST(ByteInput, AFailedReadIsKeptWithItsErrno) {
+    int fd = open("/tmp", O_RDONLY | O_DIRECTORY);
+    ByteInput in(fd);
+    EXPECT_EQ(in.get(), ByteInput::eof);
+    EXPECT_TRUE(in.failed());
+    EXPECT_EQ(in.error_number(), EISDIR);
+    close(fd);
+}
+
+TEST(ByteOutput, EveryDestinationGetsTheSameBytes) {
+    const std::string data = bytes(5000);
+    auto fill = [&](ByteOutput &out) {
+        out.put(static_cast<std::uint8_t>(data[0]));
+        out.write(data.data() + 1, 99);
+        char *at = out.reserve(10);
+        ASSERT_NE(at, nullptr);
+        memcpy(at, data.data() + 100, 10);
+        out.commit(10);
+        out.write(data.data() + 110, data.size() - 110); // longer than a block
+        EXPECT_EQ(out.offset(), data.size());
+        EXPECT_TRUE(out.finish());
+    };
+    std::string memory;
+    {
+        ByteOutput out(&memory, 64);
+        fill(out);
+    }
+    EXPECT_EQ(memory, data);
+    TempDir d;
+    int fd = open(d.file("fd").c_str(), O_WRONLY | O_CREAT, 0644);
+    {
+        ByteOutput out(fd, 64);
+        fill(out);
+    }
+    close(fd);
+    EXPECT_EQ(read_file(d.file("fd")), data);
+    FILE *f = fopen(d.file("stream").c_str(), "wb");
+    {
+        ByteOutput out(f, 64);
+        fill(out);
+    }
+    fclose(f);
+    EXPECT_EQ(read_file(d.file("stream")), data);
+}
+
+TEST(ByteOutput, AFullDeviceFailsTheLastFlushAndDropsLaterWrites) {
+    int fd = open("/dev/full", O_WRONLY);
+    ASSERT_GE(fd, 0);
+    ByteOutput out(fd);
+    EXPECT_TRUE(out.write("small")); // only buffered so far
+    EXPECT_FALSE(out.finish());
+    EXPECT_EQ(out.error_number(), ENOSPC);
+    EXPECT_FALSE(out.put('x'));
+    EXPECT_EQ(out.reserve(4), nullptr);
+    EXPECT_FALSE(out.finish());
+    close(fd);
+    // A closed descriptor is a failure too, not a silent loss.
+    ByteOutput closed(-1);
+    closed.write("x");
+    EXPECT_FALSE(closed.finish());
+    EXPECT_EQ(closed.error_number(), EBADF);
+}

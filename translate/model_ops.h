@@ -1,0 +1,44 @@
+// Transformations of the model that a translation applies: unit
+// conversion, the move into the positive quadrant and reversal.
+//
+// Every value is computed in double precision and stored as a float. A
+// result that is no finite float (beyond the float range, or NaN) is stored
+// as 0 and makes the operation report the layer. Gap marks are never scaled
+// or moved, and stay out of the bounds. The layer versions let a caller
+// treat one layer at a time; the model versions go through every layer.
+#pragma once
+
+#include <cstddef>
+
+#include "laytran/model.h"
+
+namespace laytran {
+
+// Bounds that take no value yet: each minimum at the largest double, each
+// maximum at its negative.
+Bounds empty_bounds();
+// Whether a minimum lies below 0.
+inline bool is_negative(const Bounds &b) {
+    return b.xmin < 0.0 || b.ymin < 0.0 || b.zmin < 0.0;
+}
+
+// Multiplies the height and every coordinate by `factor`, widening `bounds`
+// by the stored results. False when a value did not come out finite.
+bool scale(Layer &layer, double factor, Bounds &bounds);
+// The same on every layer, with `bounds` started afresh. The index of the
+// first layer where a value did not come out finite, or the layer count.
+std::size_t scale(Model &model, double factor, Bounds &bounds);
+// What `scale` would give, without changing anything.
+std::size_t scaled_bounds(const Model &model, double factor, Bounds &bounds);
+
+// Adds (dx, dy) to every coordinate and dz to the height; results as for
+// scale.
+bool move(Layer &layer, double dx, double dy, double dz);
+std::size_t move(Model &model, double dx, double dy, double dz);
+
+// Reverses the order of the points of every contour (the direction values
+// stay as they are).
+void reverse(Layer &layer);
+void reverse(Model &model);
+
+} // namespace laytran
