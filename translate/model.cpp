@@ -33,6 +33,8 @@ inline void take_point(Bounds &b, Point p) {
     if (p.y > b.ymax) b.ymax = p.y;
 }
 
+} // namespace
+
 void add_counts(Counts &n, const Layer &layer) {
     n.layers++;
     n.empty_layers += layer.contours.empty();
@@ -64,8 +66,6 @@ void add_counts(Counts &n, const Layer &layer) {
         }
     }
 }
-
-} // namespace
 
 Bounds empty_bounds() {
     Bounds b;
@@ -172,6 +172,23 @@ std::size_t move(Model &model, double dx, double dy, double dz) {
         if (!move(model.layers[i], dx, dy, dz) && first_bad == model.layers.size()) first_bad = i;
     }
     return first_bad;
+}
+
+bool movable(const Bounds &b, double dx, double dy, double dz) {
+    // A value moved by d >= 0 stays at or above the moved minimum, 0 or the
+    // value itself: only the maximum can leave the range. An axis without
+    // values has nothing to move.
+    bool finite = true;
+    if (b.xmin <= b.xmax) to_float(b.xmax + dx, finite);
+    if (b.ymin <= b.ymax) to_float(b.ymax + dy, finite);
+    if (b.zmin <= b.zmax) to_float(b.zmax + dz, finite);
+    return finite;
+}
+
+void move(std::vector<float> &levels, double d) {
+    bool finite = true;
+    for (float &z : levels)
+        z = to_float(z + d, finite);
 }
 
 void reverse(Layer &layer) {
