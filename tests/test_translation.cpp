@@ -39,6 +39,8 @@ struct Script {
     std::size_t fail_after = SIZE_MAX; // the source's error after this many layers
     StreamError read_error;
     bool source_missing = false, sink_missing = false;
+    int sources = 0;           // sources made: a second reading makes another
+    std::vector<Layer> second; // what the second source gives, when set
 
     std::size_t sink_fail_at = SIZE_MAX; // write_layer of this index fails
     StreamError write_error;             // recorded then (none: a silent failure)
@@ -126,6 +128,7 @@ Outcome run(Script &s, TranslateOptions o = {}) {
     };
     FormatFactories fakes;
     fakes.source = [&s](InputFormat, ByteInput &, Reporter &, const SourceOptions &) {
+        if (++s.sources == 2 && !s.second.empty()) s.layers = s.second;
         return s.source_missing ? nullptr : std::make_unique<FakeSource>(s);
     };
     fakes.sink = [&s](OutputForm, ByteOutput &, Reporter &) {
@@ -374,6 +377,35 @@ TEST(Translation, WriteErrors) {
                              ": error reading input file (illegal keyword)\n"
                              ": error writing output file (" +
                              c.line + ")\n");
+    }
+}
+
+TEST(Translation, ASecondReadingMustGiveTheLayersOfTheFirst) {
+    const std::vector<Layer> layers = {layer_at(-1, {{{1, 1}}}), layer_at(2, {{{1, 1}}})};
+    TranslateOptions o;
+    o.memory_budget = 1; // the layers are read again for the writing
+    o.move_positive = true;
+    Script s;
+    s.layers = layers;
+    Outcome r = run(s, o);
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(s.sources, 2);
+    EXPECT_EQ(s.written.size(), 2u);
+    EXPECT_EQ(s.written[1].z, 300.0f);
+    EXPECT_NE(r.log.find(left_out), std::string::npos);
+    // Another height, a layer more or a point less: the run fails.
+    for (int change = 0; change < 3; change++) {
+        s = Script();
+        s.layers = s.second = layers;
+        if (change == 0) s.second[1].z = 2.5f;
+        if (change == 1) s.second.push_back(layers[0]);
+        if (change == 2) s.second[1].contours[0].points.pop_back();
+        r = run(s, o);
+        EXPECT_FALSE(r.ok);
+        const std::string end = std::string(skipped) +
+                                ": error reading input file (the input file changed while it "
+                                "was read)\n";
+        EXPECT_EQ(r.log.substr(r.log.size() - std::min(r.log.size(), end.size())), end) << change;
     }
 }
 

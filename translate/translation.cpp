@@ -185,7 +185,8 @@ bool Translation::options_valid() {
 
 std::uint64_t Translation::memory_budget() {
     if (options_.memory_budget != 0) return options_.memory_budget;
-    if (const char *text = std::getenv("LAYTRAN_MEMORY")) {
+    const char *text = std::getenv("LAYTRAN_MEMORY");
+    if (text && *text) {
         if (std::optional<std::uint64_t> v = parse_memory_size(text)) return *v;
         reporter_.warning(std::string("LAYTRAN_MEMORY is not a size in bytes (K, M or G may "
                                       "follow the number): ") +
@@ -279,6 +280,7 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
             if (s.kept && (!store->append(layer) || store->bytes() > budget)) {
                 store->clear();
                 s.kept = false;
+                readings_ = 2;
                 if (budget == UINT64_MAX) throw std::bad_alloc();
             }
             progress(&in, &out, false);
@@ -477,6 +479,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     const bool keep = !again || !in->size_known() || estimated_model(in->size()) <= budget;
     LayerStore store;
     Survey s;
+    readings_ = keep ? 1 : 2;
     bool loaded =
         survey(*source, *in, out, keep ? &store : nullptr, again ? budget : UINT64_MAX, s);
     if (loaded) source->report_read_end(reporter_);
@@ -489,6 +492,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     LayerStore *kept = s.kept ? &store : nullptr;
     const LayerSource *reading = source.get(); // whose errors the run reports
     const ByteInput *last_in = in.get();       // the input as read last
+    std::unique_ptr<Replay> layers;            // the layers for the writing
     bool placed = true, begun = false;
     if (loaded) {
         if (s.counts.layers == s.counts.empty_layers && !(cli_input && source->error()))
@@ -502,17 +506,14 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
             placed = place(s, input, kept);
         }
         if (placed) {
-            if (!kept) {
-                read_before_ = in->offset();
-                readings_ = 2;
-            }
-            if (std::unique_ptr<Replay> layers = replay(input, kept, s.factor)) {
+            if (!kept) read_before_ = in->offset();
+            layers = replay(input, kept, s.factor);
+            if (layers) {
                 begun = true;
                 if (layers->input()) last_in = layers->input();
                 if (!write_layers(*sink, plan(s), *layers, s, !kept, last_in, out) && !kept &&
                     input_failure_)
                     reading = layers->source(); // the second reading failed
-                progress(last_in, &out, true);
             } else {
                 reading = nullptr;
             }
@@ -524,7 +525,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         output_failure_ = no_memory();
     if (!begun) out.finish();
     gaps_ = sink->gaps();
-    if (!begun) progress(last_in, &out, true);
+    progress(last_in, &out, true);
     source->report_run_end(reporter_);
     return check(reading, sink.get()) && placed;
 }
