@@ -169,6 +169,8 @@ size_t scan_double(const char *first, const char *last, double *out) {
         (lower == 'n' && last - p > 3 && p[3] == '('))
         return c_library_double(first, start, last, out);
     if (!is_digit(c) && c != '.' && lower != 'i' && lower != 'n') return 0;
+    if (const size_t n = scan_exact_decimal(start, last, out))
+        return static_cast<size_t>(start - first) + n;
     // from_chars takes a minus but no plus.
     double v;
     auto r = std::from_chars(*start == '+' ? p : start, last, v);

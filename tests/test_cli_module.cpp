@@ -6,6 +6,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -145,6 +146,16 @@ Layers short_model() {
             {2, 0, {hatch(7, {{1, 2}, {3, 4}}), hatch(8, {})}},
             {300, 0, {part(65535, 0, {{5, 6}, {7, 8}})}}};
 }
+
+// Binary long-form geometry of polylines in one layer.
+struct BinaryModel {
+    std::string bytes = "$$HEADERSTART$$BINARY$$HEADEREND" + u16(127) + f32(1);
+    void polyline(const std::vector<float> &xy) {
+        bytes += u16(130) + u32(1) + u32(0) + u32(static_cast<uint32_t>(xy.size() / 2));
+        for (float v : xy)
+            bytes += f32(v);
+    }
+};
 
 const OutputForm cli_forms[] = {OutputForm::cli_ascii, OutputForm::cli_binary,
                                 OutputForm::cli_aligned, OutputForm::cli_short,
@@ -288,6 +299,71 @@ TEST(CliModule, ReaderAsciiHardCases) {
     EXPECT_EQ(r.header.xmax + r.header.ymax + r.header.zmax, 60.0);
     EXPECT_EQ(r.header.xmin + r.header.ymin + r.header.zmin, 0.0);
     EXPECT_EQ(as_text(r.layers), as_text({{1, 0, {hatch(5, {{1, 2}, {3, 4}, {5, 6}, {7, 8}})}}}));
+}
+
+// The reader's fast paths (numbers read in place, runs of points straight
+// from the block) against its byte-by-byte path (a stream read five bytes
+// at a time), on long random point lists of every spelling, ASCII and
+// binary, with a rare value that stops the reading.
+TEST(CliModule, FastPathsReadWhatTheByteByBytePathReads) {
+    // Plain numbers and other spellings that read on; from "1e39" on those
+    // that stop the reading.
+    const char *numbers[] = {"1",
+                             "-2.5",
+                             "+3.",
+                             ".25",
+                             "0007.50",
+                             "1e3",
+                             "-4.5E-2",
+                             "-0",
+                             " 7",
+                             "8 ",
+                             "9\r\n",
+                             "1.5mm",
+                             "1 2",
+                             "1e",
+                             "1e+",
+                             "-.5",
+                             "0x1",
+                             "3e38",
+                             "12345678901234567890123",
+                             "1e39",
+                             "nan",
+                             "abc",
+                             "$",
+                             "",
+                             "1/",
+                             ","};
+    const char *separators[] = {",", ",", ",", ",", " , ", ",\n", "\t,\r\n", ", // 5,\n"};
+    std::mt19937 rng(5);
+    for (int round = 0; round < 40; round++) {
+        std::string text = ascii_head + "$$LAYER/1\n";
+        BinaryModel binary;
+        while (text.size() < 60000) {
+            const int count = static_cast<int>(rng() % 300);
+            text += "$$POLYLINE/1,0," + std::to_string(count) + ",";
+            std::vector<float> xy;
+            for (int v = 2 * count; v > 0; v--) {
+                // Mostly plain numbers; now and then one that stops the reading.
+                const std::size_t pick = rng() % 20000 ? rng() % 19 : 19 + rng() % 7;
+                text += numbers[pick];
+                text += v > 1 ? separators[rng() % 8] : "\n";
+                std::uint32_t bits = static_cast<std::uint32_t>(rng());
+                bits = rng() % 4000 ? bits & 0xBFFFFFFFu : bits | 0x7F800000u; // rarely not finite
+                float f;
+                std::memcpy(&f, &bits, 4);
+                xy.push_back(f);
+            }
+            binary.polyline(xy);
+        }
+        text += "$$GEOMETRYEND";
+        for (const std::string &bytes : {text, binary.bytes}) {
+            Read fast = read_cli(bytes), slow = read_cli(bytes, false, 5);
+            ASSERT_EQ(as_text(fast.layers), as_text(slow.layers)) << round;
+            EXPECT_EQ(fast.error, slow.error) << round;
+            EXPECT_EQ(fast.clean, slow.clean) << round;
+        }
+    }
 }
 
 TEST(CliModule, ReaderBinaryHardCases) {

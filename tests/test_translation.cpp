@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -183,6 +185,59 @@ TEST(ModelOps, ScaleRoundsToFloatKeepsGapMarksAndFindsTheFirstBadLayer) {
     EXPECT_EQ(r.contours[0].points[0].x, 1.0f);
     for (int i = 0; i < 5; i++)
         EXPECT_EQ(r.contours[1].points[i].x, 5.0f - i);
+}
+
+// Scaling runs on vector instructions for contours without gap marks: the
+// same stored values, bounds (down to the sign of a zero bound, the first
+// met) and range check as the plain loop over the points.
+TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
+    std::srand(7);
+    const float values[] = {0.0f, -0.0f, 1.5f, -2.25f, 3e38f, -3e38f, 1e-45f, -1e-45f, 7e-39f};
+    int round = 0;
+    // Every other round only zeros and positive values: zero bounds.
+    auto any = [&] {
+        if (round % 2) return values[std::rand() % 3];
+        return std::rand() % 3 ? values[std::rand() % 9]
+                               : static_cast<float>(std::rand() - RAND_MAX / 2) / 64.0f;
+    };
+    for (; round < 400; round++) {
+        Layer layer;
+        layer.z = any();
+        for (int k = std::rand() % 4; k > 0; k--) {
+            Contour c;
+            for (int i = std::rand() % 9; i > 0; i--)
+                c.points.push_back({any(), any()});
+            if (std::rand() % 5 == 0) c.points.push_back({G, G});
+            layer.contours.push_back(c);
+        }
+        const double factor = round % 3 == 0 ? 1.0 : round % 3 == 1 ? 100.0 : 1e-40;
+        Layer plain = layer;
+        Bounds want = empty_bounds(), got = empty_bounds();
+        bool finite = true;
+        auto to_float = [&finite](double v) {
+            if (std::fabs(v) < 0x1.ffffffp+127) return static_cast<float>(v);
+            finite = false;
+            return 0.0f;
+        };
+        plain.z = to_float(plain.z * factor);
+        want.zmin = want.zmax = plain.z;
+        for (Contour &c : plain.contours) {
+            for (Point &p : c.points) {
+                if (is_gap_mark(p)) continue;
+                p = {to_float(p.x * factor), to_float(p.y * factor)};
+                if (p.x < want.xmin) want.xmin = p.x;
+                if (p.x > want.xmax) want.xmax = p.x;
+                if (p.y < want.ymin) want.ymin = p.y;
+                if (p.y > want.ymax) want.ymax = p.y;
+            }
+        }
+        EXPECT_EQ(scale(layer, factor, got), finite);
+        EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << round;
+        for (std::size_t k = 0; k < layer.contours.size(); k++) {
+            const auto &a = layer.contours[k].points, &b = plain.contours[k].points;
+            EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)), 0) << round;
+        }
+    }
 }
 
 TEST(ModelOps, BoundsAndCountsByKind) {

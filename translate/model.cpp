@@ -2,6 +2,9 @@
 #include <algorithm>
 #include <cfloat>
 #include <cmath>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "laytran/model.h"
 #include "translate/model_ops.h"
@@ -110,16 +113,96 @@ Counts count(const Model &model) {
     return n;
 }
 
+namespace {
+
+// The first x (or y) of the points that is zero: the one of +0 and -0
+// that a scan in order keeps as a bound.
+float first_zero(const Point *p, std::size_t n, bool y) {
+    for (std::size_t i = 0; i < n; i++) {
+        const float v = y ? p[i].y : p[i].x;
+        if (v == 0.0f) return v;
+    }
+    return 0.0f;
+}
+
+// The points of a contour that holds no gap mark: multiplied, stored and
+// taken into the bounds as the loop over the points in `scale` does, two
+// points at a time on SSE2. False when a value did not come out finite.
+bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
+    float lo[4] = {HUGE_VALF, HUGE_VALF, HUGE_VALF, HUGE_VALF};
+    float hi[4] = {-HUGE_VALF, -HUGE_VALF, -HUGE_VALF, -HUGE_VALF};
+    bool finite = true;
+    std::size_t i = 0;
+#ifdef __SSE2__
+    const __m128d f = _mm_set1_pd(factor), limit = _mm_set1_pd(f32_limit), sign = _mm_set1_pd(-0.0);
+    __m128d in_range = _mm_castsi128_pd(_mm_set1_epi32(-1));
+    __m128 vlo = _mm_loadu_ps(lo), vhi = _mm_loadu_ps(hi);
+    for (; i + 2 <= n; i += 2) {
+        float *q = &p[i].x;
+        const __m128 v = _mm_loadu_ps(q); // x0 y0 x1 y1
+        __m128d a = _mm_mul_pd(_mm_cvtps_pd(v), f);
+        __m128d c = _mm_mul_pd(_mm_cvtps_pd(_mm_movehl_ps(v, v)), f);
+        const __m128d ok_a = _mm_cmplt_pd(_mm_andnot_pd(sign, a), limit);
+        const __m128d ok_c = _mm_cmplt_pd(_mm_andnot_pd(sign, c), limit);
+        in_range = _mm_and_pd(in_range, _mm_and_pd(ok_a, ok_c));
+        a = _mm_and_pd(a, ok_a); // a value out of range is stored as 0
+        c = _mm_and_pd(c, ok_c);
+        const __m128 r = _mm_movelh_ps(_mm_cvtpd_ps(a), _mm_cvtpd_ps(c));
+        _mm_storeu_ps(q, r);
+        vlo = _mm_min_ps(r, vlo);
+        vhi = _mm_max_ps(r, vhi);
+    }
+    finite = _mm_movemask_pd(in_range) == 3;
+    _mm_storeu_ps(lo, vlo);
+    _mm_storeu_ps(hi, vhi);
+#endif
+    for (; i < n; i++) {
+        p[i].x = to_float(p[i].x * factor, finite);
+        p[i].y = to_float(p[i].y * factor, finite);
+        lo[0] = std::min(lo[0], p[i].x);
+        hi[0] = std::max(hi[0], p[i].x);
+        lo[1] = std::min(lo[1], p[i].y);
+        hi[1] = std::max(hi[1], p[i].y);
+    }
+    if (n == 0) return finite;
+    float bound[4] = {std::min(lo[0], lo[2]), std::max(hi[0], hi[2]), std::min(lo[1], lo[3]),
+                      std::max(hi[1], hi[3])};
+    // Of +0 and -0 the scan in order keeps the first it meets.
+    for (int k = 0; k < 4; k++) {
+        if (bound[k] == 0.0f) bound[k] = first_zero(p, n, k >= 2);
+    }
+    if (bound[0] < b.xmin) b.xmin = bound[0];
+    if (bound[1] > b.xmax) b.xmax = bound[1];
+    if (bound[2] < b.ymin) b.ymin = bound[2];
+    if (bound[3] > b.ymax) b.ymax = bound[3];
+    return finite;
+}
+
+bool holds_gap_mark(const Point *p, std::size_t n) {
+    int found = 0;
+    for (std::size_t i = 0; i < n; i++)
+        found |= (p[i].x == gap_coordinate) & (p[i].y == gap_coordinate);
+    return found != 0;
+}
+
+} // namespace
+
 bool scale(Layer &layer, double factor, Bounds &b) {
     bool finite = true;
     layer.z = to_float(layer.z * factor, finite);
     take_z(b, layer.z);
     for (Contour &c : layer.contours) {
-        for (Point &p : c.points) {
-            if (is_gap_mark(p)) continue;
-            p.x = to_float(p.x * factor, finite);
-            p.y = to_float(p.y * factor, finite);
-            take_point(b, p);
+        Point *p = c.points.data();
+        const std::size_t n = c.points.size();
+        if (!holds_gap_mark(p, n)) {
+            finite &= scale_plain(p, n, factor, b);
+            continue;
+        }
+        for (std::size_t i = 0; i < n; i++) {
+            if (is_gap_mark(p[i])) continue;
+            p[i].x = to_float(p[i].x * factor, finite);
+            p[i].y = to_float(p[i].y * factor, finite);
+            take_point(b, p[i]);
         }
     }
     return finite;

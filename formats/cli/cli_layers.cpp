@@ -47,7 +47,9 @@ class CliSource final : public LayerSource {
     }
 
     bool next_layer(Layer &layer) override {
-        layer.contours.clear();
+        // The contours of the layer given before are filled anew, so that
+        // their memory serves again.
+        std::size_t used = 0;
         layer.thickness = 0.0f;
         while (!done_) {
             // What opens the layer: a $$LAYER, or an element before any.
@@ -55,16 +57,18 @@ class CliSource final : public LayerSource {
             pending_layer_ = false;
             if (event == CliReader::Event::end) break;
             layer.z = reader_.layer_z();
-            if (event == CliReader::Event::element) add(layer);
+            if (event == CliReader::Event::element) add(layer, used);
             while ((event = read()) == CliReader::Event::element)
-                add(layer);
+                add(layer, used);
             pending_layer_ = event == CliReader::Event::layer;
             update_variant();
-            if (!layer.contours.empty() || options_.keep_empty_layers) {
+            if (used > 0 || options_.keep_empty_layers) {
+                layer.contours.resize(used);
                 layers_out_++;
                 return true;
             }
         }
+        layer.contours.clear();
         update_variant();
         return false;
     }
@@ -125,12 +129,16 @@ class CliSource final : public LayerSource {
         return event;
     }
 
-    void add(Layer &layer) {
-        const ContourKind kind =
+    void add(Layer &layer, std::size_t &used) {
+        if (used == layer.contours.size()) layer.contours.emplace_back();
+        Contour &c = layer.contours[used++];
+        c.kind =
             element_.kind == CliElementKind::hatches ? ContourKind::hatches : ContourKind::part;
-        layer.contours.push_back(
-            Contour{kind, element_.id, element_.direction, 0, std::move(element_.points)});
-        element_.points.clear();
+        c.id = element_.id;
+        c.direction = element_.direction;
+        c.gaps = 0;
+        // The element takes the contour's old memory for the next one.
+        c.points.swap(element_.points);
     }
 
     void take_header() {

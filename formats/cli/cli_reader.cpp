@@ -40,6 +40,7 @@ namespace {
 using Keyword = CliKeyword;
 
 constexpr int eof = ByteInput::eof;
+constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 constexpr std::uint32_t keyword_capacity = 14;
 constexpr std::uint32_t number_capacity = 32;
 // Bytes looked at for a number that can be read in place.
@@ -55,8 +56,11 @@ constexpr std::uint32_t skipped_name = 32;
 constexpr std::uint64_t unknown_size_points = 256;
 // Data bytes of a $$USERDATA taken at once when the input size is unknown.
 constexpr std::size_t unknown_size_block = 4096;
-// Binary points converted in one run.
+// Binary points converted in one run, and the bytes of ASCII points looked
+// at in one.
 constexpr std::size_t run_points = 4096;
+constexpr std::size_t ascii_run_bytes = 16384;
+static_assert(sizeof(Point) == 8, "a point is two floats");
 
 // Binary commands.
 enum : std::uint32_t {
@@ -110,6 +114,55 @@ std::uint32_t load_u32(const std::uint8_t *p) {
 
 bool finite_bits(std::uint32_t bits) {
     return (bits & 0x7F800000u) != 0x7F800000u;
+}
+
+// The decimal digits that begin the eight bytes at p: their count (0 to 8)
+// and their value, eight at a time in one 64-bit word.
+inline unsigned digit_run(const std::uint8_t *p, std::uint64_t &value) {
+    std::uint64_t chunk;
+    std::memcpy(&chunk, p, 8);
+    if (!little_endian) chunk = __builtin_bswap64(chunk);
+    // Each byte less '0': a digit leaves 0 to 9, any other byte sets its top
+    // bit here or after adding 0x76 (what carries past the first non-digit
+    // does not matter).
+    const std::uint64_t t = chunk - 0x3030303030303030ull;
+    const std::uint64_t other = (t | (t + 0x7676767676767676ull)) & 0x8080808080808080ull;
+    const unsigned n = other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
+    if (n == 0) {
+        value = 0;
+        return 0;
+    }
+    // The digits moved to the top bytes (the first digit the lowest of
+    // them), zeros below, then pairs, fours and eights summed.
+    std::uint64_t d = t << (8 * (8 - n));
+    d = (d * 10 + (d >> 8)) & 0x00FF00FF00FF00FFull;
+    d = (d * 100 + (d >> 16)) & 0x0000FFFF0000FFFFull;
+    value = (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
+    return n;
+}
+
+// A value written plainly, "-ddd.ddd" with at most 7 digits on each side of
+// the point and the "," right behind it, as ascii_real reads it: at p, the
+// float and the byte behind the ","; null for any other text.
+inline const std::uint8_t *plain_value(const std::uint8_t *p, float &out) {
+    static constexpr std::uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+    const bool negative = *p == '-';
+    p += negative;
+    std::uint64_t m = 0, fraction = 0;
+    const unsigned whole = digit_run(p, m);
+    p += whole;
+    unsigned decimals = 0;
+    if (*p == '.') {
+        decimals = digit_run(p + 1, fraction);
+        p += 1 + decimals;
+    }
+    if (whole + decimals == 0 || whole == 8 || decimals == 8 || *p != ',') return nullptr;
+    // At most 14 digits: m is exact, and so is the one division.
+    const double v =
+        static_cast<double>(m * static_cast<std::uint64_t>(powers[decimals]) + fraction) /
+        powers[decimals];
+    out = static_cast<float>(negative ? -v : v);
+    return p + 1;
 }
 
 struct KeywordName {
@@ -755,15 +808,84 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
         }
         if (sx || sy) signed_read_ = true;
     } else {
-        for (; done < n; done++, p += 8) {
-            const std::uint32_t x = load_u32(p), y = load_u32(p + 4);
-            if (!finite_bits(x) || !finite_bits(y)) break;
-            std::memcpy(&to[done].x, &x, 4);
-            std::memcpy(&to[done].y, &y, 4);
+        // The values are checked all at once, then copied as they stand: a
+        // point in memory is the two little-endian floats of the file.
+        std::uint32_t infinite = 0;
+        for (std::size_t k = 0; k < 2 * n; k++)
+            infinite |= !finite_bits(load_u32(p + 4 * k));
+        if (infinite) {
+            while (finite_bits(load_u32(p + 8 * done)) && finite_bits(load_u32(p + 8 * done + 4)))
+                done++;
+        } else {
+            done = n;
+        }
+        if (little_endian) {
+            std::memcpy(to, p, done * sizeof(Point));
+        } else {
+            for (std::size_t k = 0; k < done; k++) {
+                const std::uint32_t x = load_u32(p + 8 * k), y = load_u32(p + 8 * k + 4);
+                std::memcpy(&to[k].x, &x, 4);
+                std::memcpy(&to[k].y, &y, 4);
+            }
         }
     }
     e.points.resize(at + done);
     in_.skip(done * size);
+    return done;
+}
+
+// Up to n ASCII points read straight from the input's block, each value as
+// ascii_real reads it when its text stands plainly: blanks, the number's
+// own bytes, blanks and the "," behind it. A point whose values do not all
+// stand so, or do not convert to finite floats, ends the run before it,
+// for the value-by-value path to read. The number of points taken.
+std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
+    if (error_ != CliError::none) return 0;
+    const std::uint8_t *const start = in_.contiguous(ascii_run_bytes);
+    if (!start) return 0;
+    // Each value is decided within the same window as number_token's.
+    const std::uint8_t *const stop = start + ascii_run_bytes - number_window;
+    n = std::min(n, ascii_run_bytes / 4);
+    const std::size_t at = e.points.size();
+    e.points.resize(at + n);
+    Point *to = e.points.data() + at;
+    const std::uint8_t *p = start;
+    std::size_t done = 0;
+    while (done < n) {
+        const std::uint8_t *q = p;
+        float xy[2];
+        int k = 0;
+        for (; k < 2; k++) {
+            while (q < stop && !byte_class.significant[*q])
+                q++;
+            if (q >= stop) break;
+            if (const std::uint8_t *next = plain_value(q, xy[k])) {
+                q = next;
+                continue;
+            }
+            // The value, then the rest of the token, the blanks and the ",".
+            const char *text = reinterpret_cast<const char *>(q);
+            double v = 0.0;
+            std::size_t len = scan_exact_decimal(text, text + number_capacity, &v);
+            const bool exact = len > 0;
+            while (len < number_capacity && byte_class.number[q[len]])
+                len++;
+            std::size_t end = len;
+            while (end < number_window && !byte_class.significant[q[end]])
+                end++;
+            if (len == 0 || len >= number_capacity || end >= number_window || q[end] != ',') break;
+            if (!exact && (scan_double(text, text + len, &v) == 0 || !std::isfinite(v))) break;
+            const float f = to_f32(v);
+            if (!std::isfinite(f)) break;
+            xy[k] = f;
+            q += end + 1;
+        }
+        if (k < 2) break;
+        to[done++] = {xy[0], xy[1]};
+        p = q;
+    }
+    e.points.resize(at + done);
+    in_.skip(static_cast<std::size_t>(p - start));
     return done;
 }
 
@@ -772,13 +894,13 @@ bool CliReader::read_points(CliElement &e, std::uint32_t count) {
     if (eof_crossed_) return fail(CliError::eof);
     std::size_t i = 0;
     while (i < count) {
-        if (i >= e.points.capacity() && !reserve_from(e, count, i)) return false;
-        if (binary_) {
-            const std::size_t room = std::min<std::size_t>(count, e.points.capacity()) - i;
-            if (const std::size_t done = binary_run(e, room)) {
-                i += done;
-                continue;
-            }
+        // The first call checks the count against the input, whatever room
+        // the array has from earlier elements.
+        if ((i == 0 || i >= e.points.capacity()) && !reserve_from(e, count, i)) return false;
+        const std::size_t room = std::min<std::size_t>(count, e.points.capacity()) - i;
+        if (const std::size_t done = binary_ ? binary_run(e, room) : ascii_run(e, room)) {
+            i += done;
+            continue;
         }
         Point p;
         if (!read_real(p.x, 0, false) || !read_real(p.y, 1, header_.aligned)) return false;

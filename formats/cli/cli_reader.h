@@ -138,6 +138,7 @@ class CliReader {
     bool read_header();
     bool reserve_from(CliElement &e, std::uint64_t count, std::size_t i);
     std::size_t binary_run(CliElement &e, std::size_t n);
+    std::size_t ascii_run(CliElement &e, std::size_t n);
     bool read_points(CliElement &e, std::uint32_t count);
     bool read_polyline(CliElement &e);
     bool read_hatches(CliElement &e);

@@ -26,6 +26,7 @@ enum : std::uint32_t {
 
 // Binary points formatted in one go.
 constexpr std::size_t run_points = 1024;
+constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
 // A real in a 16-bit field: its fraction is cut off and the integer must
 // lie in 0 to 65535 (never wrapped).
@@ -262,6 +263,11 @@ void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
     }
     if (count == 0) return;
     pad();
+    if (little_endian && !shorts) {
+        // A point in memory is the two little-endian floats of the file.
+        out_.write(p, count * sizeof(Point));
+        return;
+    }
     const std::size_t size = shorts ? 4 : 8;
     std::uint8_t local[run_points * 8];
     for (std::size_t i = 0; i < count;) {
