@@ -40,6 +40,12 @@ class ByteInput {
     // when `pushback_max` bytes are already held.
     bool unget(int c);
 
+    // Puts pushed-back bytes back into the block when they are the very
+    // bytes just read from it (a reader that looked ahead and gave back),
+    // so that contiguous() finds them in place; the offset stays. False when
+    // the pushback holds anything else.
+    bool settle_pushback();
+
     // Up to n bytes into out; the number delivered (less than n only at the
     // end of the input or after a failure).
     std::size_t read(void *out, std::size_t n);

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstring>
 
 // Room a formatter below may need, including the byte mark_real adds.
 constexpr size_t NUMBER_TEXT_MAX = 32;
@@ -83,6 +84,58 @@ inline size_t scan_exact_decimal(const char *first, const char *last, double *ou
     }
     *out = negative ? -v : v;
     return static_cast<size_t>(p - first);
+}
+
+// The decimal digits that begin the eight bytes at p: their count (0 to 8)
+// and their value, eight at a time in one 64-bit word.
+inline unsigned scan_digit_run(const unsigned char *p, unsigned long long *value) {
+    unsigned long long chunk;
+    memcpy(&chunk, p, 8);
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    chunk = __builtin_bswap64(chunk);
+#endif
+    // Each byte less '0': a digit leaves 0 to 9, any other byte sets its top
+    // bit here or after adding 0x76 (what carries past the first non-digit
+    // does not matter).
+    const unsigned long long t = chunk - 0x3030303030303030ull;
+    const unsigned long long other = (t | (t + 0x7676767676767676ull)) & 0x8080808080808080ull;
+    const unsigned n = other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
+    if (n == 0) {
+        *value = 0;
+        return 0;
+    }
+    // The digits moved to the top bytes (the first digit the lowest of
+    // them), zeros below, then pairs, fours and eights summed.
+    unsigned long long d = t << (8 * (8 - n));
+    d = (d * 10 + (d >> 8)) & 0x00FF00FF00FF00FFull;
+    d = (d * 100 + (d >> 16)) & 0x0000FFFF0000FFFFull;
+    *value = (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
+    return n;
+}
+
+// A number written plainly, "-ddd.ddd" with at most 7 digits on each side
+// of the point (either side may be empty, not both), read at p (which holds
+// at least 17 readable bytes) as strtod reads it: its length, or 0 for any
+// other text. The caller checks that the number ends there (a letter or a
+// digit behind it makes another text). At most 14 digits: the significand
+// is exact, and so is the one division.
+inline size_t scan_plain_decimal(const unsigned char *p, double *out) {
+    static constexpr unsigned powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+    const unsigned char *q = p + (*p == '-');
+    unsigned long long whole = 0, fraction = 0;
+    const unsigned n = scan_digit_run(q, &whole);
+    q += n;
+    unsigned decimals = 0;
+    if (*q == '.') {
+        decimals = scan_digit_run(q + 1, &fraction);
+        q += 1 + decimals;
+    }
+    if (n + decimals == 0 || n == 8 || decimals == 8) return 0;
+    const double v =
+        static_cast<double>(static_cast<long long>(whole * powers[decimals] + fraction)) /
+        static_cast<double>(powers[decimals]);
+    *out = *p == '-' ? -v : v;
+    return static_cast<size_t>(q - p);
 }
 
 // The same for strtol(text, &end, 10), including its clamping of values out

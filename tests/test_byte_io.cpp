@@ -109,8 +109,22 @@ TEST(ByteInput, ContiguousCrossesBlockEndsAndMeasuresFromTheCurrentPosition) {
     in.skip(12);
     EXPECT_EQ(in.remaining(), 90u - 26u);
     EXPECT_EQ(in.contiguous(17), nullptr); // more than a block
-    in.unget(in.get());
+    const int c = in.get(), d2 = in.get();
+    in.unget(d2);
+    in.unget(c);
     EXPECT_EQ(in.contiguous(1), nullptr); // pushback waits
+    // ... until it is settled back into the block, bytes and offset alike.
+    const std::uint64_t at = in.offset();
+    EXPECT_TRUE(in.settle_pushback());
+    EXPECT_EQ(in.offset(), at);
+    p = in.contiguous(2);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p[0], c);
+    EXPECT_EQ(p[1], d2);
+    in.get();
+    in.unget('x'); // not the byte read
+    EXPECT_FALSE(in.settle_pushback());
+    EXPECT_EQ(in.get(), 'x');
     close(fd);
 }
 

@@ -116,55 +116,6 @@ bool finite_bits(std::uint32_t bits) {
     return (bits & 0x7F800000u) != 0x7F800000u;
 }
 
-// The decimal digits that begin the eight bytes at p: their count (0 to 8)
-// and their value, eight at a time in one 64-bit word.
-inline unsigned digit_run(const std::uint8_t *p, std::uint64_t &value) {
-    std::uint64_t chunk;
-    std::memcpy(&chunk, p, 8);
-    if (!little_endian) chunk = __builtin_bswap64(chunk);
-    // Each byte less '0': a digit leaves 0 to 9, any other byte sets its top
-    // bit here or after adding 0x76 (what carries past the first non-digit
-    // does not matter).
-    const std::uint64_t t = chunk - 0x3030303030303030ull;
-    const std::uint64_t other = (t | (t + 0x7676767676767676ull)) & 0x8080808080808080ull;
-    const unsigned n = other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
-    if (n == 0) {
-        value = 0;
-        return 0;
-    }
-    // The digits moved to the top bytes (the first digit the lowest of
-    // them), zeros below, then pairs, fours and eights summed.
-    std::uint64_t d = t << (8 * (8 - n));
-    d = (d * 10 + (d >> 8)) & 0x00FF00FF00FF00FFull;
-    d = (d * 100 + (d >> 16)) & 0x0000FFFF0000FFFFull;
-    value = (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
-    return n;
-}
-
-// A value written plainly, "-ddd.ddd" with at most 7 digits on each side of
-// the point and the "," right behind it, as ascii_real reads it: at p, the
-// float and the byte behind the ","; null for any other text.
-inline const std::uint8_t *plain_value(const std::uint8_t *p, float &out) {
-    static constexpr std::uint32_t powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
-    const bool negative = *p == '-';
-    p += negative;
-    std::uint64_t m = 0, fraction = 0;
-    const unsigned whole = digit_run(p, m);
-    p += whole;
-    unsigned decimals = 0;
-    if (*p == '.') {
-        decimals = digit_run(p + 1, fraction);
-        p += 1 + decimals;
-    }
-    if (whole + decimals == 0 || whole == 8 || decimals == 8 || *p != ',') return nullptr;
-    // At most 14 digits: m is exact, and so is the one division.
-    const double v =
-        static_cast<double>(m * static_cast<std::uint64_t>(powers[decimals]) + fraction) /
-        powers[decimals];
-    out = static_cast<float>(negative ? -v : v);
-    return p + 1;
-}
-
 struct KeywordName {
     const char *name;
     Keyword code;
@@ -854,18 +805,20 @@ std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
     while (done < n) {
         const std::uint8_t *q = p;
         float xy[2];
+        double v = 0.0;
         int k = 0;
         for (; k < 2; k++) {
             while (q < stop && !byte_class.significant[*q])
                 q++;
             if (q >= stop) break;
-            if (const std::uint8_t *next = plain_value(q, xy[k])) {
-                q = next;
+            // A value written plainly, with its "," right behind it.
+            if (const std::size_t plain = scan_plain_decimal(q, &v); plain && q[plain] == ',') {
+                xy[k] = static_cast<float>(v);
+                q += plain + 1;
                 continue;
             }
             // The value, then the rest of the token, the blanks and the ",".
             const char *text = reinterpret_cast<const char *>(q);
-            double v = 0.0;
             std::size_t len = scan_exact_decimal(text, text + number_capacity, &v);
             const bool exact = len > 0;
             while (len < number_capacity && byte_class.number[q[len]])

@@ -242,17 +242,23 @@ bool CliWriter::check_element(bool hatches, std::uint32_t id, std::uint32_t dire
 void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
     if (!binary_) {
         text(",");
-        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2;
+        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2, batch = 64;
         char local[room];
-        for (std::size_t i = 0; i < count; i++) {
-            char *buf = out_.reserve(room);
+        for (std::size_t i = 0; i < count;) {
+            // A batch of points in place, or one point through `local` when
+            // the block is smaller than a batch.
+            const std::size_t n = std::min(count - i, batch);
+            char *buf = out_.reserve(n * room);
             if (!buf && out_.failed()) return;
             char *to = buf ? buf : local;
+            const std::size_t end = buf ? i + n : i + 1;
             std::size_t k = 0;
-            if (i > 0) to[k++] = ',';
-            k += marked_real(p[i].x, to + k);
-            to[k++] = ',';
-            k += marked_real(p[i].y, to + k);
+            for (; i < end; i++) {
+                if (i > 0) to[k++] = ',';
+                k += marked_real(p[i].x, to + k);
+                to[k++] = ',';
+                k += marked_real(p[i].y, to + k);
+            }
             if (buf)
                 out_.commit(k);
             else

@@ -89,6 +89,7 @@ class FdmReader {
     bool skip_parenthesised(std::string &text);
     bool at_end();
     bool read_header();
+    std::size_t point_run(std::vector<Point> &points);
     bool read_contour_body(std::vector<Point> &points, bool &closed);
     bool finish_z_line();
 

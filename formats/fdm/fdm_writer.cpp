@@ -2,6 +2,9 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "formats/fdm/fdm_io.h"
 
@@ -9,38 +12,50 @@ namespace laytran {
 
 namespace {
 constexpr std::size_t number_text_size = 64;
+// "00" to "99".
+constexpr char digit_pairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233"
+    "34353637383940414243444546474849505152535455565758596061626364656667"
+    "6869707172737475767778798081828384858687888990919293949596979899";
 } // namespace
 
 std::size_t FdmWriter::format_fixed(double v, char *text) {
     // For a float value v * 1e6 is exact in a double (24 + 14 bits), so
     // rounding it to an integer (ties to even, as printf does) gives the six
     // decimals directly. Large and non-finite values go through snprintf.
-    double scaled = v * 1e6;
+    const double scaled = v * 1e6;
     if (!(std::fabs(scaled) < 9.0e15)) {
         int n = std::snprintf(text, number_text_size, "%10f", v);
         return n < 0 ? 0 : std::strlen(text);
     }
-    std::uint64_t u = static_cast<std::uint64_t>(std::fabs(std::nearbyint(scaled)));
+#ifdef __SSE2__
+    const std::int64_t rounded = _mm_cvtsd_si64(_mm_set_sd(scaled));
+#else
+    const auto rounded = static_cast<std::int64_t>(std::nearbyint(scaled));
+#endif
+    const std::uint64_t u = static_cast<std::uint64_t>(rounded < 0 ? -rounded : rounded);
+    std::uint64_t whole = u / 1000000;
+    const auto fraction = static_cast<std::uint32_t>(u % 1000000);
+    // The whole digits, backwards.
     char digits[24];
     std::size_t n = 0;
     do {
-        digits[n++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
-    while (n < 7)
-        digits[n++] = '0';
+        digits[n++] = static_cast<char>('0' + whole % 10);
+        whole /= 10;
+    } while (whole != 0);
     const bool negative = std::signbit(v);
-    const std::size_t len = (negative ? 1 : 0) + n + 1;
+    const std::size_t len = (negative ? 1 : 0) + n + 7;
     std::size_t at = 0;
     while (at + len < 10)
         text[at++] = ' ';
     if (negative) text[at++] = '-';
-    for (std::size_t i = n; i > 6; i--)
-        text[at++] = digits[i - 1];
+    while (n > 0)
+        text[at++] = digits[--n];
     text[at++] = '.';
-    for (std::size_t i = 6; i > 0; i--)
-        text[at++] = digits[i - 1];
-    return at;
+    std::memcpy(text + at, digit_pairs + 2 * (fraction / 10000), 2);
+    std::memcpy(text + at + 2, digit_pairs + 2 * (fraction / 100 % 100), 2);
+    std::memcpy(text + at + 4, digit_pairs + 2 * (fraction % 100), 2);
+    return at + 6;
 }
 
 bool FdmWriter::record(FdmError code) {
@@ -62,7 +77,8 @@ void FdmWriter::number(float v) {
     char *text = out_.reserve(number_text_size);
     if (!text) return; // the output has failed; check() tells
     std::size_t len = format_fixed(static_cast<double>(v), text);
-    if (std::memchr(text, '.', len)) {
+    // "%f" puts the point six places from the end (non-finite texts have none).
+    if (len >= 7 && text[len - 7] == '.') {
         while (len > 0 && text[len - 1] == '0')
             len--;
     }
