@@ -1,6 +1,7 @@
 #include "support/byte_output.h"
 
 #include <cerrno>
+#include <new>
 #include <unistd.h>
 
 namespace laytran {
@@ -28,68 +29,95 @@ ByteOutput::ByteOutput(std::string *memory, std::size_t block)
     end_ = pos_ + block_size_;
 }
 
-bool ByteOutput::send(const std::uint8_t *data, std::size_t n) {
-    if (failed_) return false;
+ByteOutput::~ByteOutput() {
+    // A block still being written ends before the object does.
+    if (helper_) helper_->wait();
+}
+
+int ByteOutput::send(const std::uint8_t *data, std::size_t n) {
     if (memory_) {
         memory_->append(reinterpret_cast<const char *>(data), n);
-        return true;
+        return 0;
     }
     if (stream_) {
-        if (n > 0 && std::fwrite(data, 1, n, stream_) != n) {
-            failed_ = true;
-            error_number_ = errno ? errno : EIO;
-        }
-        return !failed_;
+        if (n > 0 && std::fwrite(data, 1, n, stream_) != n) return errno ? errno : EIO;
+        return 0;
     }
     while (n > 0) {
         ssize_t done = ::write(fd_, data, n);
         if (done < 0) {
             if (errno == EINTR) continue;
-            failed_ = true;
-            error_number_ = errno;
-            return false;
+            return errno;
         }
-        if (done == 0) { // nothing taken and no reason given: treat as full
-            failed_ = true;
-            error_number_ = ENOSPC;
-            return false;
-        }
+        if (done == 0) return ENOSPC; // nothing taken and no reason given: treat as full
         data += done;
         n -= static_cast<std::size_t>(done);
     }
+    return 0;
+}
+
+void ByteOutput::take_failure(int error) {
+    if (error == 0 || failed_) return;
+    failed_ = true;
+    error_number_ = error;
+}
+
+bool ByteOutput::settle() {
+    if (helper_ && helper_->busy()) {
+        helper_->wait();
+        take_failure(helper_error_);
+    }
+    // After a failure every later write takes the slow path and is dropped.
+    if (failed_) end_ = pos_;
+    return !failed_;
+}
+
+bool ByteOutput::hand_on() {
+    if (!settle()) return false;
+    std::uint8_t *start = block_.get();
+    const std::size_t n = static_cast<std::size_t>(pos_ - start);
+    if (memory_ || n == 0) return flush();
+    try {
+        if (!spare_) spare_.reset(new std::uint8_t[block_size_]);
+        if (!helper_) helper_.reset(new HelperThread);
+    } catch (const std::bad_alloc &) {
+        return flush(); // written here and now
+    }
+    helper_->run([this, start, n] { helper_error_ = send(start, n); });
+    std::swap(block_, spare_);
+    base_ += n;
+    pos_ = block_.get();
+    end_ = pos_ + block_size_;
     return true;
 }
 
 bool ByteOutput::flush() {
-    if (failed_) return false;
+    if (!settle()) return false;
     std::uint8_t *start = block_.get();
     std::size_t n = static_cast<std::size_t>(pos_ - start);
-    bool ok = send(start, n);
+    take_failure(send(start, n));
     base_ += n;
     pos_ = start;
-    if (ok && stream_ && std::fflush(stream_) != 0) {
-        failed_ = true;
-        error_number_ = errno ? errno : EIO;
-        ok = false;
-    }
-    // After a failure every later write takes the slow path and is dropped.
-    end_ = ok ? start + block_size_ : start;
-    return ok;
+    if (!failed_ && stream_ && std::fflush(stream_) != 0) take_failure(errno ? errno : EIO);
+    end_ = failed_ ? start : start + block_size_;
+    return !failed_;
 }
 
 bool ByteOutput::put_slow(std::uint8_t c) {
-    if (failed_ || !flush()) return false;
+    if (failed_ || !hand_on()) return false;
     *pos_++ = c;
     return true;
 }
 
 bool ByteOutput::write_slow(const void *data, std::size_t n) {
-    if (failed_ || !flush()) return false;
+    if (failed_ || !hand_on()) return false;
     if (n >= block_size_) {
-        bool ok = send(static_cast<const std::uint8_t *>(data), n);
+        // A long run goes out directly, after what came before it.
+        if (!flush()) return false;
+        take_failure(send(static_cast<const std::uint8_t *>(data), n));
         base_ += n;
-        if (!ok) end_ = pos_;
-        return ok;
+        if (failed_) end_ = pos_;
+        return !failed_;
     }
     std::memcpy(pos_, data, n);
     pos_ += n;
@@ -97,7 +125,7 @@ bool ByteOutput::write_slow(const void *data, std::size_t n) {
 }
 
 char *ByteOutput::reserve_slow(std::size_t n) {
-    if (failed_ || n > block_size_ || !flush()) return nullptr;
+    if (failed_ || n > block_size_ || !hand_on()) return nullptr;
     return reinterpret_cast<char *>(pos_);
 }
 

@@ -556,7 +556,7 @@ Sink run_sink(const Layers &m, OutputForm form, OutputPlan plan) {
     Reporter reporter(sink);
     ByteOutput out(&s.bytes);
     auto k = make_cli_sink(form, out, reporter);
-    plan.layer_count = m.size();
+    if (plan.layer_count == 0) plan.layer_count = m.size();
     s.ok = k->begin(plan);
     for (size_t i = 0; i < m.size() && s.ok; i++)
         s.ok = k->write_layer(m[i]);
@@ -569,6 +569,38 @@ Sink run_sink(const Layers &m, OutputForm form, OutputPlan plan) {
 constexpr float gap = gap_coordinate;
 
 } // namespace
+
+// Layers of many points are formatted on two threads: the bytes of the
+// contours written one by one (each alone in a layer of the same height).
+TEST(CliModule, SinkFormatsLargeAsciiLayersOnTwoThreads) {
+    std::mt19937 rng(3);
+    Layers m, one_by_one;
+    for (int l = 0; l < 3; l++) {
+        Layer layer{0.5f * static_cast<float>(l + 1), 0, {}};
+        for (std::uint32_t c = 0; c < 12; c++) {
+            std::vector<Point> p;
+            for (int i = static_cast<int>(rng() % 900); i > 0; i--)
+                p.push_back({static_cast<float>(rng() % 100000) / 7, static_cast<float>(i)});
+            if (c % 5 == 2) p.insert(p.begin() + p.size() / 2, {gap, gap});
+            Contour k = c % 3 ? part(c, 1, p) : hatch(c, p);
+            k.gaps = c % 5 == 2;
+            layer.contours.push_back(k);
+            one_by_one.push_back({layer.z, 0, {k}});
+        }
+        m.push_back(layer);
+    }
+    OutputPlan plan;
+    plan.unit_mm = 0.01;
+    plan.layer_count = m.size();
+    for (CliHeaderStyle style : {CliHeaderStyle::classic, CliHeaderStyle::faithful}) {
+        plan.cli_header = style;
+        Sink a = run_sink(m, OutputForm::cli_ascii, plan);
+        Sink b = run_sink(one_by_one, OutputForm::cli_ascii, plan);
+        EXPECT_TRUE(a.ok && b.ok);
+        EXPECT_EQ(a.bytes, b.bytes);
+        EXPECT_EQ(a.gaps, b.gaps);
+    }
+}
 
 TEST(CliModule, SinkClassicAndFaithful) {
     ModelHeader source;

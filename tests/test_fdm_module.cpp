@@ -163,6 +163,35 @@ TEST(FdmModule, PointRunsReadWhatTheCharacterPathReads) {
     }
 }
 
+// Layers of many points are formatted on two threads: the bytes the writer
+// gives contour by contour.
+TEST(FdmModule, SinkFormatsLargeLayersOnTwoThreads) {
+    std::mt19937 rng(4);
+    std::vector<Layer> layers;
+    std::string expected;
+    ByteOutput out(&expected);
+    FdmWriter writer(out);
+    for (int l = 0; l < 3; l++) {
+        layers.push_back(layer(0.005f * static_cast<float>(l + 1), {}));
+        writer.layer(layers.back().z, 0.0f);
+        for (int c = 0; c < 12; c++) {
+            std::vector<Point> p;
+            for (int i = static_cast<int>(rng() % 900) + 1; i > 0; i--)
+                p.push_back({static_cast<float>(rng() % 100000) / 7, static_cast<float>(i)});
+            if (c % 4 == 1) p.push_back(p[0]); // closed
+            layers.back().contours.push_back(
+                contour(p, c % 5 == 3 ? ContourKind::hatches : ContourKind::part));
+            if (c % 5 != 3) writer.contour(p.data(), p.size());
+        }
+    }
+    writer.finish();
+    layer_io::Written w = write(layers);
+    EXPECT_TRUE(w.ok);
+    EXPECT_EQ(w.bytes, expected);
+    EXPECT_EQ(w.messages,
+              "W the FDM format holds part contours only: 6 hatch blocks were left out\n");
+}
+
 TEST(FdmModule, SourceGivesLayersOfPartContoursInInches) {
     const std::string text = "SLICE V0 FILE (part.stl) SLICES ()\nZ 0.005 .005\n1 2\n3 2\n3 4\nC\n"
                              "Z 0.01 0\nZ 0.015 .005\n5 5\n6 6\nO\n";

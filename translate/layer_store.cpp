@@ -11,7 +11,8 @@ namespace {
 
 constexpr std::size_t huge_page = std::size_t(2) << 20;
 constexpr std::size_t first_block = std::size_t(1) << 20;
-constexpr std::size_t largest_block = std::size_t(64) << 20;
+constexpr std::size_t largest_block = std::size_t(16) << 20;
+constexpr std::size_t small_page = 4096;
 
 // A record: the layer's fields, then per contour its fields and its points.
 struct LayerHead {
@@ -53,6 +54,28 @@ unsigned char *map_block(std::size_t n) {
 
 } // namespace
 
+LayerStore::~LayerStore() {
+    clear();
+}
+
+// Maps the next full-size block and has the helper touch every page of it,
+// so that the system provides and clears the memory beside the reading.
+void LayerStore::prepare_next() {
+    unsigned char *data = map_block(largest_block);
+    if (!data) return;
+    next_ = {data, largest_block};
+    bytes_ += largest_block;
+    try {
+        if (!helper_) helper_.reset(new HelperThread);
+    } catch (const std::bad_alloc &) {
+        return; // the pages come as they are first written
+    }
+    helper_->run([data] {
+        for (std::size_t at = 0; at < largest_block; at += small_page)
+            reinterpret_cast<volatile unsigned char *>(data)[at] = 0;
+    });
+}
+
 unsigned char *LayerStore::room(std::size_t n) {
     if (!blocks_.empty() && blocks_.back().size - used_ >= n) return blocks_.back().data + used_;
     // Each block twice the last, up to the largest; a record larger than
@@ -61,12 +84,21 @@ unsigned char *LayerStore::room(std::size_t n) {
         blocks_.empty() ? first_block : std::min(blocks_.back().size * 2, largest_block);
     if (size < n) size = (n + huge_page - 1) / huge_page * huge_page;
     if (blocks_.size() == blocks_.capacity()) blocks_.reserve(blocks_.size() * 2 + 8);
-    unsigned char *data = map_block(size);
-    if (!data) return nullptr;
-    blocks_.push_back({data, size});
-    bytes_ += size;
+    Block block = {nullptr, size};
+    if (size == largest_block && next_.data) {
+        if (helper_) helper_->wait();
+        block = next_;
+        next_ = {nullptr, 0};
+    } else {
+        block.data = map_block(size);
+        if (!block.data) return nullptr;
+        bytes_ += size;
+    }
+    blocks_.push_back(block);
     used_ = 0;
-    return data;
+    // From the full size on, the block after this one is made ready now.
+    if (size == largest_block) prepare_next();
+    return block.data;
 }
 
 bool LayerStore::append(const Layer &layer) {
@@ -121,6 +153,9 @@ void LayerStore::get(std::size_t i, Layer &layer) const {
 }
 
 void LayerStore::clear() {
+    if (helper_) helper_->wait();
+    if (next_.data) munmap(next_.data, next_.size);
+    next_ = {nullptr, 0};
     for (const Block &b : blocks_)
         munmap(b.data, b.size);
     blocks_.clear();

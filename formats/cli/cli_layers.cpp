@@ -8,6 +8,7 @@
 
 #include "formats/cli/cli_reader.h"
 #include "formats/cli/cli_writer.h"
+#include "support/helper_thread.h"
 #include "support/number_text.h"
 
 namespace laytran {
@@ -18,6 +19,8 @@ namespace {
 constexpr double unit_tolerance = 1.1920928955078125e-07;
 // The $$DIMENSION of the classic header, maximum corner first.
 constexpr double classic_frame = 60000.0;
+// Points of an ASCII layer from which two threads format it.
+constexpr std::size_t parallel_points = 4096;
 
 std::string g_text(double v) {
     char buf[NUMBER_TEXT_MAX];
@@ -207,7 +210,9 @@ std::string label_text(std::string text) {
 class CliSink final : public LayerSink {
   public:
     CliSink(OutputForm form, ByteOutput &out, Reporter &reporter)
-        : writer_(out, form), reporter_(reporter) {}
+        : writer_(out, form), out_(out), reporter_(reporter),
+          ascii_(form == OutputForm::cli_ascii) {}
+    ~CliSink() override { helper_.wait(); }
 
     bool begin(const OutputPlan &plan) override {
         if (writer_.error() != CliError::none) return writer_failed(nullptr);
@@ -247,9 +252,27 @@ class CliSink final : public LayerSink {
         // The faithful header goes out with the first layer, which keeps
         // layers without elements.
         if (faithful_ && !writer_.write_header(true)) return writer_failed(nullptr);
-        for (const Contour &c : layer.contours) {
-            gaps_ += c.gaps;
-            if (!write_contour(c)) return false;
+        const std::vector<Contour> &contours = layer.contours;
+        const std::size_t split = share(layer);
+        for (std::size_t i = 0; i < split; i++) {
+            gaps_ += contours[i].gaps;
+            if (!write_contour(writer_, contours[i])) {
+                helper_.wait();
+                return false;
+            }
+        }
+        if (split == contours.size()) return true;
+        // The helper's text of the rest, or (when it could not make it)
+        // the rest written here.
+        helper_.wait();
+        for (std::size_t i = split; i < contours.size(); i++)
+            gaps_ += contours[i].gaps;
+        if (helper_done_) {
+            out_.write(helper_text_);
+            return writer_.check_output() || writer_failed(nullptr);
+        }
+        for (std::size_t i = split; i < contours.size(); i++) {
+            if (!write_contour(writer_, contours[i])) return false;
         }
         return true;
     }
@@ -268,7 +291,50 @@ class CliSink final : public LayerSink {
     std::uint64_t gaps() const override { return gaps_; }
 
   private:
-    bool write_contour(const Contour &c) {
+    // ASCII geometry of many points is formatted on two threads: the
+    // helper makes the text of the contours from the returned index on
+    // (those of the second half of the points), in order, while this
+    // thread writes the first ones. The layer's own count when all are
+    // written here.
+    std::size_t share(const Layer &layer) {
+        const std::vector<Contour> &contours = layer.contours;
+        if (!ascii_ || !writer_.header_written() || contours.size() < 2) return contours.size();
+        std::size_t points = 0;
+        for (const Contour &c : contours)
+            points += c.points.size();
+        if (points < parallel_points) return contours.size();
+        std::size_t split = 0;
+        for (std::size_t half = 0; split + 1 < contours.size() && 2 * half < points; split++)
+            half += contours[split].points.size();
+        if (!helper_writer_) {
+            try {
+                helper_out_.reset(new ByteOutput(&helper_text_));
+                helper_writer_.reset(new CliWriter(*helper_out_, OutputForm::cli_ascii));
+                helper_writer_->continue_geometry();
+            } catch (const std::bad_alloc &) {
+                helper_out_.reset();
+                helper_writer_.reset();
+                return contours.size();
+            }
+        }
+        helper_done_ = false;
+        helper_.run([this, &contours, split] {
+            try {
+                helper_text_.clear();
+                bool ok = true;
+                for (std::size_t i = split; ok && i < contours.size(); i++)
+                    ok = write_contour(*helper_writer_, contours[i]);
+                helper_done_ = ok && helper_out_->flush();
+            } catch (const std::bad_alloc &) {
+            }
+        });
+        return split;
+    }
+
+    // A contour as one element, or split at its gap marks: each piece
+    // before a mark as it is, what follows the last mark when it holds two
+    // points or more.
+    bool write_contour(CliWriter &writer, const Contour &c) {
         const CliElementKind kind =
             c.kind == ContourKind::part ? CliElementKind::polyline : CliElementKind::hatches;
         const Point *p = c.points.data();
@@ -277,17 +343,19 @@ class CliSink final : public LayerSink {
             std::size_t start = 0;
             for (std::size_t i = 0; i < n; i++) {
                 if (!is_gap_mark(p[i])) continue;
-                if (!write_piece(kind, c, p + start, i - start)) return false;
+                if (!write_piece(writer, kind, c, p + start, i - start)) return false;
                 start = i + 1;
             }
             p += start;
             n -= start;
         }
-        return n <= 1 || write_piece(kind, c, p, n);
+        return n <= 1 || write_piece(writer, kind, c, p, n);
     }
 
-    bool write_piece(CliElementKind kind, const Contour &c, const Point *p, std::size_t n) {
-        if (writer_.write_element(kind, c.id, c.direction, p, n)) return true;
+    bool write_piece(CliWriter &writer, CliElementKind kind, const Contour &c, const Point *p,
+                     std::size_t n) {
+        if (writer.write_element(kind, c.id, c.direction, p, n)) return true;
+        if (&writer != &writer_) return false; // the helper's: written here again
         const Piece piece = {kind, c.id};
         return writer_failed(&piece);
     }
@@ -365,8 +433,16 @@ class CliSink final : public LayerSink {
     }
 
     CliWriter writer_;
+    ByteOutput &out_;
     Reporter &reporter_;
     StreamError error_;
+    // The second thread of ASCII geometry and what it formats into.
+    bool ascii_;
+    HelperThread helper_;
+    std::string helper_text_;
+    std::unique_ptr<ByteOutput> helper_out_;
+    std::unique_ptr<CliWriter> helper_writer_;
+    bool helper_done_ = false;
     std::uint64_t gaps_ = 0;
     bool faithful_ = false;
     bool begun_ = false;

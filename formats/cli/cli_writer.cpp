@@ -75,7 +75,9 @@ CliWriter::CliWriter(ByteOutput &out, OutputForm form)
 
 bool CliWriter::fail(CliError code) {
     if (error_ == CliError::none) {
-        // A failed write before this error is what the output saw first.
+        // A failed write before this error is what the output saw first
+        // (once every byte handed on is known to be written or not).
+        out_.settle();
         if (out_.failed()) code = CliError::write;
         error_ = code;
         system_error_ = cli_error_has_errno(code) ? out_.error_number() : 0;

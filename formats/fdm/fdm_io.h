@@ -126,6 +126,18 @@ class FdmWriter {
     bool write_header();
     // END and the last flush. True when every byte got out.
     bool finish();
+    // For a writer whose contours go inside another writer's output: its
+    // header counts as written, and nothing is written for it.
+    void continue_contours() { header_written_ = true; }
+    bool header_written() const { return header_written_; }
+    // Records a write error when the output has failed; false then.
+    bool check();
+    // Waits until every byte handed on is written; false when a write
+    // failed (recorded).
+    bool settle() {
+        out_.settle();
+        return check();
+    }
 
     const StreamError &error() const { return error_; }
 
@@ -135,7 +147,6 @@ class FdmWriter {
 
   private:
     bool record(FdmError code);
-    bool check();
     void number(float v);
     void z_line();
 

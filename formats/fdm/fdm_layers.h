@@ -17,6 +17,7 @@
 
 #include "formats/fdm/fdm_io.h"
 #include "formats/left_out.h"
+#include "support/helper_thread.h"
 #include "translate/format_io.h"
 
 namespace laytran {
@@ -44,7 +45,8 @@ class FdmSource final : public LayerSource {
 
 class FdmSink final : public LayerSink {
   public:
-    FdmSink(ByteOutput &out, Reporter &reporter) : writer_(out), reporter_(reporter) {}
+    FdmSink(ByteOutput &out, Reporter &reporter) : writer_(out), out_(out), reporter_(reporter) {}
+    ~FdmSink() override { helper_.wait(); }
     bool begin(const OutputPlan &) override { return true; }
     bool write_layer(const Layer &layer) override;
     bool finish() override;
@@ -53,10 +55,18 @@ class FdmSink final : public LayerSink {
     void report_run_end(Reporter &reporter) override;
 
   private:
-    bool write_contour(const Contour &c);
+    bool write_contour(FdmWriter &writer, const Contour &c);
+    std::size_t share(const Layer &layer);
 
     FdmWriter writer_;
+    ByteOutput &out_;
     Reporter &reporter_;
+    // The second thread of large layers and what it formats into.
+    HelperThread helper_;
+    std::string helper_text_;
+    std::unique_ptr<ByteOutput> helper_out_;
+    std::unique_ptr<FdmWriter> helper_writer_;
+    bool helper_done_ = false;
     LeftOut left_out_;
     std::uint64_t gaps_ = 0;
     std::uint64_t layers_ = 0;
