@@ -35,22 +35,37 @@ std::size_t FdmWriter::format_fixed(double v, char *text) {
 #endif
     const std::uint64_t u = static_cast<std::uint64_t>(rounded < 0 ? -rounded : rounded);
     std::uint64_t whole = u / 1000000;
-    const auto fraction = static_cast<std::uint32_t>(u % 1000000);
-    // The whole digits, backwards.
+    const auto fraction = static_cast<std::uint32_t>(u - whole * 1000000);
+    // The whole digits (one or two from the table, more backwards).
     char digits[24];
-    std::size_t n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + whole % 10);
-        whole /= 10;
-    } while (whole != 0);
+    std::size_t n;
+    if (whole < 100) {
+        n = whole < 10 ? 1 : 2;
+        std::memcpy(digits, digit_pairs + 2 * whole + 2 - n, 2);
+    } else {
+        char backwards[24];
+        n = 0;
+        do {
+            backwards[n++] = static_cast<char>('0' + whole % 10);
+            whole /= 10;
+        } while (whole != 0);
+        for (std::size_t i = 0; i < n; i++)
+            digits[i] = backwards[n - 1 - i];
+    }
     const bool negative = std::signbit(v);
     const std::size_t len = (negative ? 1 : 0) + n + 7;
-    std::size_t at = 0;
-    while (at + len < 10)
-        text[at++] = ' ';
-    if (negative) text[at++] = '-';
-    while (n > 0)
-        text[at++] = digits[--n];
+    // Blanks up to the width of 10 (written in one go, the text over them).
+    std::memcpy(text, "          ", 10);
+    std::size_t at = len < 10 ? 10 - len : 0;
+    text[at] = '-';
+    at += negative;
+    if (n <= 2) {
+        std::memcpy(text + at, digits, 2); // the byte after one digit is overwritten
+    } else {
+        for (std::size_t i = 0; i < n; i++)
+            text[at + i] = digits[i];
+    }
+    at += n;
     text[at++] = '.';
     std::memcpy(text + at, digit_pairs + 2 * (fraction / 10000), 2);
     std::memcpy(text + at + 2, digit_pairs + 2 * (fraction / 100 % 100), 2);
