@@ -138,6 +138,7 @@ class CliSource final : public LayerSource {
                 error_.text = cli_error_text(reader_.error());
                 error_.system_error = reader_.system_error();
                 error_.offset = reader_.error_offset();
+                error_.token = reader_.error_token();
             }
         }
         return event;

@@ -344,7 +344,7 @@ bool CliReader::ascii_integer(std::uint32_t &out, std::string *text) {
     // A comment behind the number leaves its line feed in the token.
     if (end != last && !is_c_space(*end)) {
         silent_stop_ = true;
-        if (check_) bad_token_.assign(first, last);
+        bad_token_.assign(first, last);
         return false;
     }
     if (text) {
@@ -366,13 +366,16 @@ bool CliReader::ascii_double(double &out, std::string *text) {
     const std::size_t used = scan_double(first, last, &v);
     if (used == 0) {
         silent_stop_ = true;
-        if (check_) bad_token_.assign(first, last);
+        bad_token_.assign(first, last);
         return false;
     }
     // The C library reads "nan" as a number; it is refused as in binary data.
     if (!std::isfinite(v)) {
         const CliError code = v != v ? CliError::nan : CliError::infinite;
-        if (!check_) return fail(code);
+        if (!check_) {
+            bad_token_.assign(first, last);
+            return fail(code);
+        }
         problem(code, in_.offset(), std::string(first, last));
         v = 0.0;
     }
@@ -449,11 +452,15 @@ bool CliReader::binary_real(float &out, int axis, bool align) {
         // Bytes missing at the end of the input read as 255, which looks
         // like a NaN: report the end of the input instead.
         if (eof_crossed_) return fail(CliError::eof);
-        if (f != f && !check_) return fail(CliError::nan);
     }
     if (!std::isfinite(f)) {
-        if (!check_) return fail(CliError::infinite);
-        problem(f != f ? CliError::nan : CliError::infinite, in_.offset() - 4, {});
+        // Placed where the value begins.
+        const CliError code = f != f ? CliError::nan : CliError::infinite;
+        if (!check_) {
+            if (error_ == CliError::none && !fail(code)) error_offset_ = in_.offset() - 4;
+            return false;
+        }
+        problem(code, in_.offset() - 4, {});
         f = 0.0f;
     }
     out = f;
@@ -536,7 +543,7 @@ CliKeyword CliReader::ascii_keyword() {
         const int c = next_char();
         command_at_ = in_.offset() - 1;
         if (c != '$') {
-            if (check_ && c > 0) bad_token_ = std::string(1, static_cast<char>(c));
+            if (c > 0) bad_token_ = std::string(1, static_cast<char>(c));
             return refuse(CliError::format);
         }
     } else {
@@ -550,6 +557,7 @@ CliKeyword CliReader::ascii_keyword() {
         error_ = CliError::none;
         system_error_ = 0;
         error_offset_ = 0;
+        bad_token_.clear();
         command_at_ = in_.offset() - 1;
     }
     if (next_char() != '$') return refuse(CliError::format);
@@ -559,7 +567,7 @@ CliKeyword CliReader::ascii_keyword() {
     if (!k) {
         std::string name = token;
         if (header_read_ && skip_command(name)) return Keyword::skipped;
-        if (check_) bad_token_ = "$$" + name;
+        bad_token_ = "$$" + name;
         return refuse(CliError::keyword);
     }
     if (k->parameters && next_char() != '/') return refuse(CliError::format);
@@ -587,7 +595,13 @@ CliKeyword CliReader::binary_keyword() {
         short_seen_ = true;
         break;
     default:
-        return refuse(CliError::keyword);
+        // Placed where the command begins, with its number as the token.
+        if (error_ == CliError::none) {
+            fail(CliError::keyword);
+            error_offset_ = command_at_;
+            bad_token_ = std::to_string(command);
+        }
+        return Keyword::none;
     }
     if (command <= cmd_layer_short) return Keyword::layer;
     if (command <= cmd_polyline_long) return Keyword::polyline;

@@ -108,6 +108,8 @@ class CliReader {
     CliError error() const { return error_; }
     int system_error() const { return system_error_; }
     std::uint64_t error_offset() const { return error_offset_; }
+    // The offending text of that error, when there is one.
+    const std::string &error_token() const { return bad_token_; }
     // After `end`: false when reading stopped on an ASCII number that did
     // not convert, without an error recorded (an early end).
     bool ended_cleanly() const { return error_ != CliError::none || !silent_stop_; }
