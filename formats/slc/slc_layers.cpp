@@ -89,6 +89,7 @@ bool SlcSource::next_layer(Layer &layer) {
             if (!reader_.read_boundary(c.points, c.gaps)) break;
         }
         layer.contours.resize(used);
+        if (check_) places_.contours.resize(used);
         if (used == count) return true;
         // A layer cut short by an error is given when it holds a boundary.
         stop();
