@@ -1,7 +1,8 @@
 // The modern command line: `laytran COMMAND [ARGS]`.
 //
-// Each subcommand is one file here defining a Command, listed in the table
-// of commands.cpp; adding one is that file and one line of the table.
+// Each subcommand is one file here defining a Command (`extern const
+// Command NAME_command = {...}`); adding one is that file and its entry in
+// the table of commands.cpp (its declaration and its line in the list).
 #pragma once
 
 #include <cstddef>

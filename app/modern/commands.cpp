@@ -1,4 +1,5 @@
 // The table of subcommands, the dispatch, the overview and `laytran help`.
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <sys/stat.h>

@@ -1,5 +1,6 @@
 #include "app/modern/input.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <fcntl.h>
 #include <sys/stat.h>
