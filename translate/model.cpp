@@ -174,14 +174,20 @@ std::size_t move(Model &model, double dx, double dy, double dz) {
     return first_bad;
 }
 
-void reverse(Layer &layer) {
-    for (Contour &c : layer.contours)
+void reverse(Layer &layer, bool directions) {
+    for (Contour &c : layer.contours) {
         std::reverse(c.points.begin(), c.points.end());
+        if (!directions || c.kind != ContourKind::part) continue;
+        if (c.direction == direction_clockwise)
+            c.direction = direction_counter_clockwise;
+        else if (c.direction == direction_counter_clockwise)
+            c.direction = direction_clockwise;
+    }
 }
 
-void reverse(Model &model) {
+void reverse(Model &model, bool directions) {
     for (Layer &layer : model.layers)
-        reverse(layer);
+        reverse(layer, directions);
 }
 
 } // namespace laytran

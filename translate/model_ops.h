@@ -36,9 +36,11 @@ std::size_t scaled_bounds(const Model &model, double factor, Bounds &bounds);
 bool move(Layer &layer, double dx, double dy, double dz);
 std::size_t move(Model &model, double dx, double dy, double dz);
 
-// Reverses the order of the points of every contour (the direction values
-// stay as they are).
-void reverse(Layer &layer);
-void reverse(Model &model);
+// Reverses the order of the points of every contour. With `directions`,
+// a part contour's direction value swaps as well (clockwise and
+// counter-clockwise; open stays open), so that the value keeps describing
+// the points; without, the values stay as they are.
+void reverse(Layer &layer, bool directions = false);
+void reverse(Model &model, bool directions = false);
 
 } // namespace laytran

@@ -330,7 +330,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         } else if (is_negative(bounds)) {
             placed = place(bounds);
         }
-        if (placed && options_.reverse) reverse(model_);
+        if (placed && options_.reverse) reverse(model_, options_.reverse_directions);
         if (placed) {
             begun = true;
             write_layers(*sink, plan(model_, bounds, unit), model_, 1.0, in.get(), out);
