@@ -32,6 +32,7 @@ TranslateOptions reading(const ReadOptions &o) {
     TranslateOptions t;
     t.input = o.format;
     t.keep_empty_layers = o.keep_empty_layers;
+    t.progress = o.progress;
     return t;
 }
 

@@ -70,6 +70,24 @@ struct SourceOptions {
     int verbosity = 3;
     // Shown in diagnostics as the file's name.
     std::string file_name;
+    // Check mode (laytran check): a problem the source can read past (a
+    // NaN, an unknown command, a count that does not match) goes to the
+    // reporter as a warning with its byte offset and token, and reading
+    // goes on where the format allows; the source records where each layer
+    // and contour begins (places()). A problem it cannot read past still
+    // ends the reading as error(). Off, reading is exactly as without it.
+    bool check = false;
+};
+
+// Where the last layer a source handed out begins in its file, and each of
+// its contours (check mode).
+struct LayerPlaces {
+    std::uint64_t layer = 0;             // the layer's command or record
+    std::vector<std::uint64_t> contours; // each contour's, in layer order
+    // CLI: the layer's height, and each contour, came in a 16-bit (short
+    // form) binary command.
+    bool layer_short = false;
+    std::vector<bool> contour_short;
 };
 
 class LayerSource {
@@ -90,6 +108,8 @@ class LayerSource {
     // once, after the output was finished and the sink's remarks, and
     // before any error line.
     virtual void report_run_end(Reporter &) {}
+    // Check mode: the places of the last layer handed out; null otherwise.
+    virtual const LayerPlaces *places() const { return nullptr; }
 };
 
 // What a sink needs to know before the first layer.

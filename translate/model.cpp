@@ -274,14 +274,20 @@ void move(std::vector<float> &levels, double d) {
         z = to_float(z + d, finite);
 }
 
-void reverse(Layer &layer) {
-    for (Contour &c : layer.contours)
+void reverse(Layer &layer, bool directions) {
+    for (Contour &c : layer.contours) {
         std::reverse(c.points.begin(), c.points.end());
+        if (!directions || c.kind != ContourKind::part) continue;
+        if (c.direction == direction_clockwise)
+            c.direction = direction_counter_clockwise;
+        else if (c.direction == direction_counter_clockwise)
+            c.direction = direction_clockwise;
+    }
 }
 
-void reverse(Model &model) {
+void reverse(Model &model, bool directions) {
     for (Layer &layer : model.layers)
-        reverse(layer);
+        reverse(layer, directions);
 }
 
 } // namespace laytran

@@ -46,9 +46,11 @@ bool movable(const Bounds &bounds, double dx, double dy, double dz);
 // Adds d to every level; results as for move.
 void move(std::vector<float> &levels, double d);
 
-// Reverses the order of the points of every contour (the direction values
-// stay as they are).
-void reverse(Layer &layer);
-void reverse(Model &model);
+// Reverses the order of the points of every contour. With `directions`,
+// a part contour's direction value swaps as well (clockwise and
+// counter-clockwise; open stays open), so that the value keeps describing
+// the points; without, the values stay as they are.
+void reverse(Layer &layer, bool directions = false);
+void reverse(Model &model, bool directions = false);
 
 } // namespace laytran

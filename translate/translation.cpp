@@ -392,7 +392,7 @@ bool Translation::write_layers(LayerSink &sink, const OutputPlan &plan, Replay &
             for (std::size_t i = 0; ok && layers.next(layer); i++) {
                 if (verify) add_counts(seen, layer);
                 if (s.moving) move(layer, s.dx, s.dy, s.dz);
-                if (options_.reverse) reverse(layer);
+                if (options_.reverse) reverse(layer, options_.reverse_directions);
                 if (verify && (i >= plan.levels.size() || layer.z != plan.levels[i])) {
                     same = ok = false;
                     break;

@@ -45,8 +45,20 @@ void tell(Reporter &reporter, const std::string &file, Severity severity, std::s
 
 class CliSource final : public LayerSource {
   public:
-    CliSource(ByteInput &in, const SourceOptions &options) : reader_(in), options_(options) {
+    CliSource(ByteInput &in, Reporter &reporter, const SourceOptions &options)
+        : reader_(in), options_(options) {
         header_.format = InputFormat::cli;
+        if (options.check) {
+            reader_.set_check([this, &reporter](const CliProblem &p) {
+                Diagnostic d;
+                d.severity = Severity::warning;
+                d.text = !p.detail.empty() ? p.detail : cli_error_text(p.code);
+                d.file = options_.file_name;
+                d.offset = static_cast<std::int64_t>(p.offset);
+                d.token = p.token;
+                reporter.report(std::move(d));
+            });
+        }
     }
 
     bool next_layer(Layer &layer) override {
@@ -59,6 +71,7 @@ class CliSource final : public LayerSource {
             CliReader::Event event = pending_layer_ ? CliReader::Event::layer : read();
             pending_layer_ = false;
             if (event == CliReader::Event::end) break;
+            if (options_.check) open_places(event);
             layer.z = reader_.layer_z();
             if (event == CliReader::Event::element) add(layer, used);
             while ((event = read()) == CliReader::Event::element)
@@ -78,6 +91,7 @@ class CliSource final : public LayerSource {
 
     const ModelHeader &header() const override { return header_; }
     const StreamError &error() const override { return error_; }
+    const LayerPlaces *places() const override { return options_.check ? &places_ : nullptr; }
 
     void report_read_end(Reporter &reporter) override {
         if (reader_.error() != CliError::none) return;
@@ -119,6 +133,10 @@ class CliSource final : public LayerSource {
   private:
     CliReader::Event read() {
         const CliReader::Event event = reader_.next(element_);
+        if (options_.check && event == CliReader::Event::layer) {
+            next_layer_at_ = reader_.command_offset();
+            next_layer_short_ = reader_.command_short();
+        }
         if (!header_taken_) take_header();
         if (event == CliReader::Event::end) {
             done_ = true;
@@ -127,12 +145,26 @@ class CliSource final : public LayerSource {
                 error_.text = cli_error_text(reader_.error());
                 error_.system_error = reader_.system_error();
                 error_.offset = reader_.error_offset();
+                error_.token = reader_.error_token();
             }
         }
         return event;
     }
 
+    // Check mode: the places of a layer opened by `event`.
+    void open_places(CliReader::Event event) {
+        const bool element = event == CliReader::Event::element;
+        places_.layer = element ? reader_.command_offset() : next_layer_at_;
+        places_.layer_short = !element && next_layer_short_;
+        places_.contours.clear();
+        places_.contour_short.clear();
+    }
+
     void add(Layer &layer, std::size_t &used) {
+        if (options_.check) {
+            places_.contours.push_back(reader_.command_offset());
+            places_.contour_short.push_back(reader_.command_short());
+        }
         if (used == layer.contours.size()) layer.contours.emplace_back();
         Contour &c = layer.contours[used++];
         c.kind =
@@ -184,6 +216,10 @@ class CliSource final : public LayerSource {
     bool header_taken_ = false;
     bool pending_layer_ = false; // a $$LAYER was read that opens the next layer
     bool done_ = false;
+    // Check mode.
+    LayerPlaces places_;
+    std::uint64_t next_layer_at_ = 0;
+    bool next_layer_short_ = false;
 };
 
 // The input's $$DATE, when it is a CLI file that gives one; else 0.
@@ -451,9 +487,9 @@ class CliSink final : public LayerSink {
 
 } // namespace
 
-std::unique_ptr<LayerSource> make_cli_source(ByteInput &in, Reporter &,
+std::unique_ptr<LayerSource> make_cli_source(ByteInput &in, Reporter &reporter,
                                              const SourceOptions &options) {
-    return std::make_unique<CliSource>(in, options);
+    return std::make_unique<CliSource>(in, reporter, options);
 }
 
 std::unique_ptr<LayerSink> make_cli_sink(OutputForm form, ByteOutput &out, Reporter &reporter) {

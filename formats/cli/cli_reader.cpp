@@ -185,6 +185,46 @@ CliReader::Event CliReader::finish() {
     return Event::end;
 }
 
+void CliReader::problem(CliError code, std::uint64_t offset, std::string token) {
+    CliProblem p;
+    p.code = code;
+    p.offset = offset;
+    p.token = std::move(token);
+    p.detail = std::move(bad_detail_);
+    bad_detail_.clear();
+    check_(p);
+}
+
+// Check mode: reports the error just met (or the number that did not
+// convert) and lets the next keyword read resynchronise on the next "$"
+// (header and ASCII geometry only). False when reading cannot go on; at
+// the end of the input the error is dropped, so that reading ends there.
+bool CliReader::recover() {
+    if (!check_ || binary_ || io_failed_) return false;
+    if (error_ == CliError::eof || error_ == CliError::read || error_ == CliError::memory ||
+        error_ == CliError::not_cli)
+        return false;
+    if (error_ != CliError::none) {
+        // A keyword or a stray character is placed where its command began.
+        const bool command = error_ == CliError::keyword || error_ == CliError::format;
+        problem(error_, command ? command_at_ : error_offset_, std::move(bad_token_));
+    } else if (silent_stop_) {
+        if (bad_detail_.empty()) bad_detail_ = "a number was expected";
+        problem(CliError::number, command_at_, std::move(bad_token_));
+        fail(CliError::number); // the next keyword read resynchronises
+    } else {
+        return false;
+    }
+    bad_token_.clear();
+    silent_stop_ = false;
+    if (at_end()) {
+        error_ = CliError::none;
+        if (!header_read_) fail(CliError::eof); // the header never ended
+        return false;
+    }
+    return true;
+}
+
 // The end of the input: the next byte is the end or cannot be read. Any
 // other byte is given back.
 bool CliReader::at_end() {
@@ -308,6 +348,7 @@ bool CliReader::ascii_integer(std::uint32_t &out, std::string *text) {
     // A comment behind the number leaves its line feed in the token.
     if (end != last && !is_c_space(*end)) {
         silent_stop_ = true;
+        bad_token_.assign(first, last);
         return false;
     }
     if (text) {
@@ -329,11 +370,19 @@ bool CliReader::ascii_double(double &out, std::string *text) {
     const std::size_t used = scan_double(first, last, &v);
     if (used == 0) {
         silent_stop_ = true;
+        bad_token_.assign(first, last);
         return false;
     }
     // The C library reads "nan" as a number; it is refused as in binary data.
-    if (v != v) return fail(CliError::nan);
-    if (!std::isfinite(v)) return fail(CliError::infinite);
+    if (!std::isfinite(v)) {
+        const CliError code = v != v ? CliError::nan : CliError::infinite;
+        if (!check_) {
+            bad_token_.assign(first, last);
+            return fail(code);
+        }
+        problem(code, in_.offset(), std::string(first, last));
+        v = 0.0;
+    }
     if (text) {
         const char *from = first;
         while (is_c_space(*from))
@@ -348,8 +397,12 @@ bool CliReader::ascii_double(double &out, std::string *text) {
 bool CliReader::ascii_real(float &out) {
     double v = 0.0;
     if (!ascii_double(v)) return false;
-    const float f = to_f32(v);
-    if (!std::isfinite(f)) return fail(CliError::infinite);
+    float f = to_f32(v);
+    if (!std::isfinite(f)) {
+        if (!check_) return fail(CliError::infinite);
+        problem(CliError::infinite, in_.offset(), {});
+        f = 0.0f;
+    }
     out = f;
     return true;
 }
@@ -403,9 +456,17 @@ bool CliReader::binary_real(float &out, int axis, bool align) {
         // Bytes missing at the end of the input read as 255, which looks
         // like a NaN: report the end of the input instead.
         if (eof_crossed_) return fail(CliError::eof);
-        if (f != f) return fail(CliError::nan);
     }
-    if (!std::isfinite(f)) return fail(CliError::infinite);
+    if (!std::isfinite(f)) {
+        // Placed where the value begins.
+        const CliError code = f != f ? CliError::nan : CliError::infinite;
+        if (!check_) {
+            if (error_ == CliError::none && !fail(code)) error_offset_ = in_.offset() - 4;
+            return false;
+        }
+        problem(code, in_.offset() - 4, {});
+        f = 0.0f;
+    }
     out = f;
     return align_skip(align);
 }
@@ -459,7 +520,12 @@ bool CliReader::skip_command(std::string &name) {
     for (char c : name) {
         if (c < 'A' || c > 'Z') return false;
     }
-    if (name.empty() || next_char() != '/') return false;
+    if (name.empty()) return false;
+    const int c = next_char();
+    if (c != '/') {
+        ungetc(c); // for check mode, which reads on from there
+        return false;
+    }
     for (;;) {
         char token[number_capacity];
         if (!read_token(token, number_capacity, false)) return false;
@@ -478,7 +544,12 @@ bool CliReader::skip_command(std::string &name) {
 
 CliKeyword CliReader::ascii_keyword() {
     if (error_ == CliError::none) {
-        if (next_char() != '$') return refuse(CliError::format);
+        const int c = next_char();
+        command_at_ = in_.offset() - 1;
+        if (c != '$') {
+            if (c > 0) bad_token_ = std::string(1, static_cast<char>(c));
+            return refuse(CliError::format);
+        }
     } else {
         // Resynchronise on the next "$"; reaching it clears the error.
         if (at_end()) return Keyword::none;
@@ -490,6 +561,8 @@ CliKeyword CliReader::ascii_keyword() {
         error_ = CliError::none;
         system_error_ = 0;
         error_offset_ = 0;
+        bad_token_.clear();
+        command_at_ = in_.offset() - 1;
     }
     if (next_char() != '$') return refuse(CliError::format);
     char token[keyword_capacity];
@@ -498,6 +571,7 @@ CliKeyword CliReader::ascii_keyword() {
     if (!k) {
         std::string name = token;
         if (header_read_ && skip_command(name)) return Keyword::skipped;
+        bad_token_ = "$$" + name;
         return refuse(CliError::keyword);
     }
     if (k->parameters && next_char() != '/') return refuse(CliError::format);
@@ -507,6 +581,7 @@ CliKeyword CliReader::ascii_keyword() {
 CliKeyword CliReader::binary_keyword() {
     std::uint32_t command = 0;
     eof_crossed_ = false;
+    command_at_ = in_.offset();
     if (!binary_u16(command, header_.aligned))
         return at_end() ? Keyword::geometryend : Keyword::none;
     if (eof_crossed_) return refuse(CliError::eof);
@@ -524,7 +599,13 @@ CliKeyword CliReader::binary_keyword() {
         short_seen_ = true;
         break;
     default:
-        return refuse(CliError::keyword);
+        // Placed where the command begins, with its number as the token.
+        if (error_ == CliError::none) {
+            fail(CliError::keyword);
+            error_offset_ = command_at_;
+            bad_token_ = std::to_string(command);
+        }
+        return Keyword::none;
     }
     if (command <= cmd_layer_short) return Keyword::layer;
     if (command <= cmd_polyline_long) return Keyword::polyline;
@@ -593,6 +674,7 @@ bool CliReader::read_header_keywords() {
             return true;
         case Keyword::none:
             // Not at the end: the next keyword read resynchronises.
+            if (check_ && error_ != CliError::none && !recover()) return false;
             if (at_end()) return false;
             break;
         case Keyword::align:
@@ -658,7 +740,7 @@ bool CliReader::read_header_keywords() {
             if (at_end()) return fail(CliError::keyword);
             break;
         }
-        if (!ok) return false;
+        if (!ok && !recover()) return false;
     }
 }
 
@@ -856,7 +938,15 @@ bool CliReader::read_points(CliElement &e, std::uint32_t count) {
             continue;
         }
         Point p;
-        if (!read_real(p.x, 0, false) || !read_real(p.y, 1, header_.aligned)) return false;
+        if (!read_real(p.x, 0, false) || !read_real(p.y, 1, header_.aligned)) {
+            if (check_ && silent_stop_)
+                bad_detail_ = (e.kind == CliElementKind::hatches
+                                   ? "$$HATCHES declares " + std::to_string(count / 2) +
+                                         " hatches (" + std::to_string(count) + " points)"
+                                   : "$$POLYLINE declares " + std::to_string(count) + " points") +
+                              ", but only " + std::to_string(i) + " follow";
+            return false;
+        }
         if (eof_crossed_) return fail(CliError::eof);
         e.points.push_back(p);
         i++;
@@ -900,13 +990,20 @@ CliReader::Event CliReader::next(CliElement &element) {
             if (!binary_) end_seen_ = true;
             return finish();
         case Keyword::none:
+            if (recover()) continue;
             return finish();
         case Keyword::polyline:
-            return read_polyline(element) ? Event::element : finish();
+            if (read_polyline(element)) return Event::element;
+            if (recover()) continue;
+            return finish();
         case Keyword::hatches:
-            return read_hatches(element) ? Event::element : finish();
+            if (read_hatches(element)) return Event::element;
+            if (recover()) continue;
+            return finish();
         case Keyword::layer:
-            return read_layer() ? Event::layer : finish();
+            if (read_layer()) return Event::layer;
+            if (recover()) continue;
+            return finish();
         default:
             break;
         }

@@ -16,6 +16,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -58,6 +59,15 @@ struct CliSkipped {
     std::uint64_t count = 0;
 };
 
+// A problem that check mode reads past: the module's code, where it was
+// met, the offending text and, when there is one, a fuller sentence.
+struct CliProblem {
+    CliError code = CliError::none;
+    std::uint64_t offset = 0;
+    std::string token;
+    std::string detail;
+};
+
 // The reader's keyword codes (cli_reader.cpp).
 enum class CliKeyword : std::uint8_t;
 
@@ -77,6 +87,19 @@ class CliReader {
     // and every later call gives `end` again.
     Event next(CliElement &element);
 
+    // Check mode: each problem the reader can read past goes to `report`
+    // and reading goes on: a NaN or infinite value reads as 0; in the
+    // header and in ASCII geometry, after an unknown command, a number
+    // that does not convert or a count that does not match, reading picks
+    // up at the next "$". A problem it cannot read past (the end of the
+    // input, a read error, an unknown binary command) ends reading as
+    // without check mode.
+    void set_check(std::function<void(const CliProblem &)> report) { check_ = std::move(report); }
+    // Where the command behind the last event began, and whether it was a
+    // short-form binary one.
+    std::uint64_t command_offset() const { return command_at_; }
+    bool command_short() const { return binary_ && short_; }
+
     float layer_z() const { return layer_z_; }
     const CliHeaderInfo &header() const { return header_; }
 
@@ -85,6 +108,8 @@ class CliReader {
     CliError error() const { return error_; }
     int system_error() const { return system_error_; }
     std::uint64_t error_offset() const { return error_offset_; }
+    // The offending text of that error, when there is one.
+    const std::string &error_token() const { return bad_token_; }
     // After `end`: false when reading stopped on an ASCII number that did
     // not convert, without an error recorded (an early end).
     bool ended_cleanly() const { return error_ != CliError::none || !silent_stop_; }
@@ -108,6 +133,8 @@ class CliReader {
     bool fail(CliError code);
     Keyword refuse(CliError code); // fail(code), then no keyword
     Event finish();
+    bool recover();
+    void problem(CliError code, std::uint64_t offset, std::string token);
 
     bool at_end();
     int next_char();
@@ -165,6 +192,10 @@ class CliReader {
     bool short_seen_ = false;
     std::size_t fast_skip_ = 0; // bytes the number just scanned in place leaves behind it
     std::vector<CliSkipped> skipped_;
+    // Check mode.
+    std::function<void(const CliProblem &)> check_;
+    std::uint64_t command_at_ = 0;
+    std::string bad_token_, bad_detail_; // of the error just recorded
 };
 
 } // namespace laytran

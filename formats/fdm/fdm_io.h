@@ -15,6 +15,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -55,6 +56,14 @@ class FdmReader {
     enum class Item { layer, contour, end };
 
     explicit FdmReader(ByteInput &in) : in_(in) {}
+
+    // Check mode: each problem the reader can read past goes to `report`
+    // (its code, offset and offending text) and reading goes on: a number
+    // that does not convert, is NaN or lies beyond float range reads as 0,
+    // and an unknown header keyword is kept as a field. The rest ends
+    // reading as without it.
+    using Problem = std::function<void(FdmError, std::uint64_t offset, const std::string &token)>;
+    void set_check(Problem report) { check_ = std::move(report); }
 
     // The next item. At `layer` the new layer's level and thickness are
     // z() and thickness(); at `contour` its points (as floats, the last
@@ -104,6 +113,7 @@ class FdmReader {
     bool searching_ = false; // the first word is being sought
     bool header_read_ = false;
     bool ended_ = false;
+    Problem check_;
 };
 
 // Writes an FDM slice file in one fixed form: "SLICE V0" and "SLICES ()" as

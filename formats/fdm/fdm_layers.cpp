@@ -17,14 +17,29 @@ constexpr std::size_t parallel_points = 4096;
 
 } // namespace
 
-FdmSource::FdmSource(ByteInput &in, const SourceOptions &options)
-    : reader_(in), keep_empty_(options.keep_empty_layers) {
+FdmSource::FdmSource(ByteInput &in, const SourceOptions &options, Reporter *reporter)
+    : reader_(in), keep_empty_(options.keep_empty_layers), in_(in),
+      check_(options.check && reporter) {
     header_.format = InputFormat::fdm;
     header_.unit_mm = inch_mm;
+    if (!check_) return;
+    reader_.set_check([reporter, file = options.file_name](FdmError code, std::uint64_t offset,
+                                                           const std::string &token) {
+        Diagnostic d;
+        d.severity = Severity::warning;
+        d.text = code == FdmError::keyword ? "unknown header keyword"
+                                           : fdm_error_text(static_cast<int>(code));
+        d.file = file;
+        d.offset = static_cast<std::int64_t>(offset);
+        d.token = token;
+        reporter->report(std::move(d));
+    });
 }
 
 FdmReader::Item FdmSource::next() {
+    if (check_) item_at_ = in_.offset();
     FdmReader::Item item = reader_.next(points_, closed_);
+    if (check_ && item == FdmReader::Item::layer) layer_at_ = item_at_;
     if (!started_) {
         started_ = true;
         header_.variant = "version " + std::to_string(reader_.version());
@@ -50,6 +65,11 @@ bool FdmSource::next_layer(Layer &layer) {
                 have_contour = item == Item::contour;
             }
             pending_ = false;
+            if (check_) {
+                places_.layer = have_contour ? item_at_ : layer_at_;
+                places_.contours.clear();
+                if (have_contour) places_.contours.push_back(item_at_);
+            }
             layer.z = have_contour ? 0.0f : static_cast<float>(reader_.z());
             layer.thickness = have_contour ? 0.0f : static_cast<float>(reader_.thickness());
             std::size_t used = 0;
@@ -58,6 +78,7 @@ bool FdmSource::next_layer(Layer &layer) {
                     Item item = next();
                     if (item == Item::layer) pending_ = true;
                     if (item != Item::contour) break;
+                    if (check_) places_.contours.push_back(item_at_);
                 }
                 have_contour = false;
                 if (used == layer.contours.size()) layer.contours.emplace_back();
@@ -201,9 +222,9 @@ void FdmSink::report_run_end(Reporter &reporter) {
     if (!failed_ && !text.empty()) reporter.warning(std::move(text));
 }
 
-std::unique_ptr<LayerSource> make_fdm_source(ByteInput &in, Reporter &,
+std::unique_ptr<LayerSource> make_fdm_source(ByteInput &in, Reporter &reporter,
                                              const SourceOptions &options) {
-    return std::make_unique<FdmSource>(in, options);
+    return std::make_unique<FdmSource>(in, options, &reporter);
 }
 
 std::unique_ptr<LayerSink> make_fdm_sink(ByteOutput &out, Reporter &reporter) {

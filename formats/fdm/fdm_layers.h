@@ -24,10 +24,11 @@ namespace laytran {
 
 class FdmSource final : public LayerSource {
   public:
-    FdmSource(ByteInput &in, const SourceOptions &options);
+    FdmSource(ByteInput &in, const SourceOptions &options, Reporter *reporter = nullptr);
     bool next_layer(Layer &layer) override;
     const ModelHeader &header() const override { return header_; }
     const StreamError &error() const override { return error_; }
+    const LayerPlaces *places() const override { return check_ ? &places_ : nullptr; }
 
   private:
     FdmReader::Item next();
@@ -41,6 +42,12 @@ class FdmSource final : public LayerSource {
     bool started_ = false;
     bool pending_ = false; // a Z line was read whose layer is still to be given
     bool done_ = false;
+    // Check mode: where the last item read began (before the blanks in
+    // front of it), and the places of the layer being given.
+    ByteInput &in_;
+    bool check_ = false;
+    std::uint64_t item_at_ = 0, layer_at_ = 0;
+    LayerPlaces places_;
 };
 
 class FdmSink final : public LayerSink {

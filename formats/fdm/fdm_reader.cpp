@@ -250,7 +250,9 @@ int FdmReader::lookup_keyword(bool &empty) {
 // Unknown words are tolerated in version 11 files only.
 int FdmReader::header_keyword(bool &empty) {
     int kw = lookup_keyword(empty);
-    if (kw == kw_none && version_ != version_11) {
+    if (kw == kw_none && version_ != version_11 && !empty && check_) {
+        check_(FdmError::keyword, in_.offset(), word_);
+    } else if (kw == kw_none && version_ != version_11) {
         if (!error_) error_.token = word_;
         record(FdmError::keyword);
     }
@@ -277,8 +279,13 @@ bool FdmReader::read_number(double &out) {
     else if (!(std::fabs(value) < f32_limit))
         bad = FdmError::number;
     if (bad != FdmError::none) {
-        if (!error_) error_.token = text;
-        return record(bad);
+        if (check_) {
+            check_(bad, in_.offset(), text);
+            value = 0.0;
+        } else {
+            if (!error_) error_.token = text;
+            return record(bad);
+        }
     }
     out = value;
     return true;
@@ -290,8 +297,12 @@ bool FdmReader::read_integer(int &out) {
     const std::size_t len = std::strlen(text);
     long value = 0;
     if (scan_long(text, text + len, &value) != len) {
-        if (!error_) error_.token = text;
-        return record(FdmError::number);
+        if (!check_) {
+            if (!error_) error_.token = text;
+            return record(FdmError::number);
+        }
+        check_(FdmError::number, in_.offset(), text);
+        value = 0;
     }
     out = value > INT_MAX ? INT_MAX : value < INT_MIN ? INT_MIN : static_cast<int>(value);
     return true;

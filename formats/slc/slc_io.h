@@ -14,6 +14,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -103,6 +104,13 @@ class SlcReader {
   public:
     explicit SlcReader(ByteInput &in) : in_(in) {}
 
+    // Check mode: each problem the reader can read past goes to `report`
+    // (its code, offset and offending text) and reading goes on: every
+    // error in the header text is reported, not only the first, and a NaN
+    // or infinite value reads as 0. The rest ends reading as without it.
+    using Problem = std::function<void(SlcError, std::uint64_t offset, const std::string &token)>;
+    void set_check(Problem report) { check_ = std::move(report); }
+
     // Reads the header block (text, reserved area, sampling table) unless
     // that is done. False when the binary part cannot be reached.
     bool read_header();
@@ -135,6 +143,7 @@ class SlcReader {
     bool header_read_ = false;
     bool ended_ = false;
     bool stopped_ = false; // the end record or a failure: nothing more is read
+    Problem check_;
 };
 
 enum class SlcUnit { mm, inch };

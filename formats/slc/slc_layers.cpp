@@ -23,9 +23,21 @@ StreamError memory_error(const StreamError &kept) {
 
 } // namespace
 
-SlcSource::SlcSource(ByteInput &in, const SourceOptions &options)
-    : in_(in), reader_(in), keep_empty_(options.keep_empty_layers) {
+SlcSource::SlcSource(ByteInput &in, const SourceOptions &options, Reporter *reporter)
+    : in_(in), reader_(in), keep_empty_(options.keep_empty_layers),
+      check_(options.check && reporter) {
     header_.format = InputFormat::slc;
+    if (!check_) return;
+    reader_.set_check([reporter, file = options.file_name](SlcError code, std::uint64_t offset,
+                                                           const std::string &token) {
+        Diagnostic d;
+        d.severity = Severity::warning;
+        d.text = slc_error_text(static_cast<int>(code));
+        d.file = file;
+        d.offset = static_cast<std::int64_t>(offset);
+        d.token = token;
+        reporter->report(std::move(d));
+    });
 }
 
 bool SlcSource::stop() {
@@ -57,8 +69,10 @@ bool SlcSource::next_layer(Layer &layer) {
         float z = 0;
         std::uint32_t count = 0;
         do {
+            if (check_) places_.layer = in_.offset();
             if (!reader_.next_layer(z, count)) return stop();
         } while (count == 0 && !keep_empty_);
+        if (check_) places_.contours.clear();
         layer.z = z;
         layer.thickness = 0.0f;
         const std::uint64_t room =
@@ -71,9 +85,11 @@ bool SlcSource::next_layer(Layer &layer) {
             c.kind = kind_;
             c.id = 0;
             c.direction = 0;
+            if (check_) places_.contours.push_back(in_.offset());
             if (!reader_.read_boundary(c.points, c.gaps)) break;
         }
         layer.contours.resize(used);
+        if (check_) places_.contours.resize(used);
         if (used == count) return true;
         // A layer cut short by an error is given when it holds a boundary.
         stop();
@@ -151,9 +167,9 @@ void SlcSink::report_run_end(Reporter &reporter) {
     if (!failed_ && !text.empty()) reporter.warning(std::move(text));
 }
 
-std::unique_ptr<LayerSource> make_slc_source(ByteInput &in, Reporter &,
+std::unique_ptr<LayerSource> make_slc_source(ByteInput &in, Reporter &reporter,
                                              const SourceOptions &options) {
-    return std::make_unique<SlcSource>(in, options);
+    return std::make_unique<SlcSource>(in, options, &reporter);
 }
 
 std::unique_ptr<LayerSink> make_slc_sink(ByteOutput &out, Reporter &) {

@@ -26,10 +26,11 @@ namespace laytran {
 
 class SlcSource final : public LayerSource {
   public:
-    SlcSource(ByteInput &in, const SourceOptions &options);
+    SlcSource(ByteInput &in, const SourceOptions &options, Reporter *reporter = nullptr);
     bool next_layer(Layer &layer) override;
     const ModelHeader &header() const override { return header_; }
     const StreamError &error() const override { return error_; }
+    const LayerPlaces *places() const override { return check_ ? &places_ : nullptr; }
     // The SLC header as read (extents, tolerances, the sampling table).
     const SlcReader &reader() const { return reader_; }
 
@@ -45,6 +46,8 @@ class SlcSource final : public LayerSource {
     bool keep_empty_;
     bool started_ = false;
     bool done_ = false;
+    bool check_ = false;
+    LayerPlaces places_; // check mode
 };
 
 class SlcSink final : public LayerSink {

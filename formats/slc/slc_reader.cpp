@@ -69,6 +69,14 @@ class HeaderScanner {
   public:
     HeaderScanner(const std::string &text, SlcHeader &header) : text_(text), h_(header) {}
 
+    // Check mode: every error goes to `all` and scanning goes on.
+    struct Found {
+        SlcError code;
+        std::size_t at;
+        std::string token;
+    };
+    std::vector<Found> *all = nullptr;
+
     // Scans the whole text; the first error found, if any.
     SlcError scan();
     // Where in the text the error was found, and the offending text.
@@ -91,6 +99,10 @@ class HeaderScanner {
     }
     bool ends_word(int c) { return c < 0 || c == ctrl_z || is_delimiter(c); }
     void fail(SlcError code, std::size_t at, std::string token) {
+        if (all) {
+            all->push_back({code, at, std::move(token)});
+            return;
+        }
         if (error_ != SlcError::none) return;
         error_ = code;
         error_at = at;
@@ -278,15 +290,23 @@ bool SlcReader::read_u32(std::uint32_t &v) {
 bool SlcReader::read_f32(float &v) {
     std::uint32_t bits = 0;
     if (!read_u32(bits)) return false;
-    if ((bits & 0x7F800000u) == 0x7F800000u)
-        return fail((bits & 0x007FFFFFu) ? SlcError::nan : SlcError::number, in_.offset() - 4);
+    if ((bits & 0x7F800000u) == 0x7F800000u) {
+        const SlcError code = (bits & 0x007FFFFFu) ? SlcError::nan : SlcError::number;
+        if (!check_) return fail(code, in_.offset() - 4);
+        check_(code, in_.offset() - 4, {});
+        bits = 0;
+    }
     std::memcpy(&v, &bits, sizeof v);
     return true;
 }
 
 void SlcReader::parse_header_text(const std::string &text, std::uint64_t start) {
     HeaderScanner scanner(text, header_);
+    std::vector<HeaderScanner::Found> all;
+    if (check_) scanner.all = &all;
     SlcError e = scanner.scan();
+    for (HeaderScanner::Found &f : all)
+        check_(f.code, start + f.at, f.token);
     if (e != SlcError::none) {
         fail(e, start + scanner.error_at, scanner.error_token);
         stopped_ = false; // the binary part after the Ctrl-Z is still read
@@ -368,12 +388,17 @@ bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n) {
             }
             bad |= (bits & 0x7F800000u) == 0x7F800000u;
         }
-        for (std::size_t i = 0; bad; i++) {
+        for (std::size_t i = 0; bad && i < got / 4; i++) {
             std::uint32_t bits;
             std::memcpy(&bits, values + 4 * i, 4);
             if ((bits & 0x7F800000u) != 0x7F800000u) continue;
-            points.resize(have + i / 2);
-            return fail((bits & 0x007FFFFFu) ? SlcError::nan : SlcError::number, start + 4 * i);
+            const SlcError code = (bits & 0x007FFFFFu) ? SlcError::nan : SlcError::number;
+            if (!check_) {
+                points.resize(have + i / 2);
+                return fail(code, start + 4 * i);
+            }
+            check_(code, start + 4 * i, {});
+            std::memset(values + 4 * i, 0, 4);
         }
         have += got / sizeof(Point);
         if (got < asked) {

@@ -36,11 +36,20 @@ enum class CliHeaderStyle {
     classic,
 };
 
+// Called now and then during a long run with the bytes read so far, the
+// input's size (0 when unknown) and the bytes written so far. A run that
+// reads its input twice (see memory_budget) counts both readings: `read`
+// goes up to twice the size, which it then gives as `total`.
+using ProgressFn =
+    std::function<void(std::uint64_t read, std::uint64_t total, std::uint64_t written)>;
+
 struct ReadOptions {
     InputFormat format = InputFormat::cli;
     // Keep layers that hold no contour (a CLI $$LAYER with no element
     // behind it). The classic command line drops them.
     bool keep_empty_layers = true;
+    // Called now and then while reading (written stays 0).
+    ProgressFn progress;
 };
 
 struct WriteOptions {
@@ -52,19 +61,16 @@ struct WriteOptions {
     CliHeaderStyle cli_header = CliHeaderStyle::faithful;
 };
 
-// Called now and then during a long run with the bytes read so far, the
-// input's size (0 when unknown) and the bytes written so far. A run that
-// reads its input twice (see memory_budget) counts both readings: `read`
-// goes up to twice the size, which it then gives as `total`.
-using ProgressFn =
-    std::function<void(std::uint64_t read, std::uint64_t total, std::uint64_t written)>;
-
 struct TranslateOptions {
     InputFormat input = InputFormat::cli;
     OutputForm output = OutputForm::cli_binary;
     double unit_mm = 0.0;       // as in WriteOptions
     bool move_positive = false; // move the model into the positive quadrant
     bool reverse = false;       // reverse the direction of every contour
+    // With `reverse`: a polyline's direction value (clockwise or
+    // counter-clockwise) swaps with its point order, so that it stays true.
+    // Without, only the points are reversed (the classic command line).
+    bool reverse_directions = false;
     CliHeaderStyle cli_header = CliHeaderStyle::faithful;
     bool keep_empty_layers = true;
     // 0 keeps the engine's information lines about the input quiet; the
