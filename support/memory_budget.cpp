@@ -24,11 +24,15 @@ std::optional<std::uint64_t> parse_memory_size(const char *text) {
     case 'g':
         shift = 30;
         break;
+    case 't':
+        shift = 40;
+        break;
     default:
         break;
     }
     if (shift != 0) {
         p++;
+        if ((*p | 0x20) == 'i' && (p[1] | 0x20) == 'b') p++;
         if ((*p | 0x20) == 'b') p++;
         if (v > UINT64_MAX >> shift) return std::nullopt;
         v <<= shift;
