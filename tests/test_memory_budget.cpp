@@ -35,8 +35,8 @@ TEST(MemoryBudget, SizesAndTheDefault) {
     EXPECT_EQ(parse_memory_size("2G"), std::uint64_t(2) << 30);
     EXPECT_EQ(parse_memory_size("1TiB"), std::uint64_t(1) << 40);
     EXPECT_EQ(parse_memory_size("0"), 0u);
-    for (const char *bad : {"", "G", "1.5G", "-1", "12 M", "1P", "2iG", "18446744073709551616",
-                            "17179869184G"})
+    for (const char *bad :
+         {"", "G", "1.5G", "-1", "12 M", "1P", "2iG", "18446744073709551616", "17179869184G"})
         EXPECT_FALSE(parse_memory_size(bad)) << bad;
     EXPECT_GT(default_memory_budget(), 0u);
 }
