@@ -30,8 +30,8 @@ TEST(ViewEncoding, Base64AndTheLayerRecordLayout) {
     }
 
     Layer layer{1.0,
-                {{PathKind::Hatches, Direction::Unknown, {{1.5f, -2}, {3, 4}}},
-                 {PathKind::Contour, Direction::Clockwise, {{0.1f, 0}, kBreak, {1, 1}}}}};
+                {{PathKind::hatches, Direction::unknown, {{1.5f, -2}, {3, 4}}},
+                 {PathKind::contour, Direction::clockwise, {{0.1f, 0}, break_mark, {1, 1}}}}};
     std::vector<unsigned char> record;
     encode_layer(layer, record);
     const std::vector<unsigned char> want = {
@@ -84,8 +84,8 @@ TEST(ViewStats, CountsAreaAndDirectionMismatches) {
 
     // Far from the origin the area keeps its precision.
     Layer far{0,
-              {{PathKind::Contour,
-                Direction::Clockwise,
+              {{PathKind::contour,
+                Direction::clockwise,
                 {{100000, 100000}, {100000, 100001}, {100001, 100001}, {100001, 100000}}}}};
     EXPECT_DOUBLE_EQ(layer_stats(far).area, -1);
 }
@@ -120,7 +120,7 @@ TEST(ViewWriters, RefuseBadModelsAndFailedOutput) {
          "layer 0, path 3, point 2: coordinate is not finite"}, // half a break
         {[](Document &d) { d.layers[0].paths[2].points.pop_back(); },
          "layer 0, path 2: hatches need an even number of points"},
-        {[](Document &d) { d.layers[0].paths[2].points[1] = kBreak; },
+        {[](Document &d) { d.layers[0].paths[2].points[1] = break_mark; },
          "layer 0, path 2, point 1: hatches cannot have a break"},
         {[](Document &d) { d.layers[1].paths[0].kind = PathKind(4); },
          "layer 1, path 0: unknown kind or direction"},
@@ -152,7 +152,7 @@ TEST(ViewWriters, RefuseBadModelsAndFailedOutput) {
 
 TEST(ViewWriters, HtmlSizeEstimateAndEscaping) {
     Document doc = viewer_fixture::sample_document();
-    Layer big{1, {{PathKind::Polyline, Direction::Unknown, {}}}};
+    Layer big{1, {{PathKind::polyline, Direction::unknown, {}}}};
     for (int k = 0; k < 30000; k++)
         big.paths[0].points.push_back({float(k), float(k % 7)});
     for (int k = 0; k < 20; k++)
@@ -215,7 +215,7 @@ TEST(ViewWriters, SvgDrawsTheLayersPointsRightWayUp) {
                 want.emplace_back();
                 for (std::size_t k = 0; k < path.points.size(); k++) {
                     bool split = is_break(path.points[k]) ||
-                                 (path.kind == PathKind::Hatches && k % 2 == 0 && k > 0);
+                                 (path.kind == PathKind::hatches && k % 2 == 0 && k > 0);
                     if (split && !want.back().empty()) want.emplace_back();
                     if (!is_break(path.points[k])) want.back().push_back(path.points[k]);
                 }
