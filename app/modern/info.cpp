@@ -7,7 +7,6 @@
 #include "app/modern/input.h"
 #include "app/modern/json.h"
 #include "app/modern/options.h"
-#include "laytran/io.h"
 #include "laytran/summary.h"
 
 namespace laytran::modern {
@@ -192,23 +191,8 @@ int run_info(const std::vector<std::string> &words, Console &console) {
 
     Input in;
     if (!in.open(a.operands[0], from, console)) return exit_failed;
-    console.set_input(in.place());
-    ReadOptions options;
-    options.format = in.format;
-    options.keep_empty_layers = true;
-    console.start_progress(when);
-    options.progress = [&console](std::uint64_t r, std::uint64_t total, std::uint64_t w) {
-        console.progress()->update(r, total, w);
-    };
     Model model;
-    const bool ok = in.stream ? read_model(in.stream, options, model, console.sink())
-                              : read_model(in.path, options, model, console.sink());
-    console.finish_progress();
-    if (!ok) {
-        const std::string hint = format_hint(in.sniffed, in.format);
-        if (!hint.empty()) console.hint(hint);
-        return exit_failed;
-    }
+    if (!in.read(model, when, console)) return exit_failed;
     const bool layers = a.has("layers");
     const Summary s = summarize(model, layers);
     const std::string name = in.name == "-" ? "<stdin>" : in.name;
