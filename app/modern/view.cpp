@@ -56,10 +56,8 @@ int run_view(const std::vector<std::string> &words, Console &console) {
     view::Document doc = document_texts(picture_title(file), model);
     const std::uint64_t size = page_size(doc, model), limit = page_limit();
     if (size > limit) {
-        console.error("the viewer would take about " + size_text(size) +
-                          ", more than its limit of " + size_text(limit) + " (" +
-                          std::to_string(model.layers.size()) +
-                          " layers; a page of that size opens in a few seconds)",
+        console.error("the viewer would take about " + size_text(size) + ", over its limit of " +
+                          size_text(limit) + " (the size that still opens in a few seconds)",
                       file);
         console.hint("'laytran svg " + file + " --layer N' draws one layer at a time");
         return exit_failed;
