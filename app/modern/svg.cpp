@@ -141,7 +141,7 @@ int run_svg(const std::vector<std::string> &words, Console &console) {
 
 extern const Command svg_command = {
     "svg",
-    "svg FILE (--layer N | --z Z) [-o OUT.svg]",
+    "svg FILE (--layer N | --z Z) [-o OUT.svg] [options]",
     "draw one layer as an SVG picture",
     R"(Reads FILE and draws one layer as a standalone SVG picture in the viewer's
 colours: part contours, open polylines, hatches and support/web, gaps as
