@@ -81,16 +81,16 @@ extern const Command view_command = {
     "view",
     "view FILE [-o OUT.html] [options]",
     "write a layer viewer: one HTML page to open in a browser",
-    R"(Reads FILE and writes a layer viewer: one HTML page, to open in any current
-browser, that needs nothing else (no network; scripts and geometry are
-inside). It draws one layer at a time in millimetres, with part contours,
-open polylines, hatches and support/web in their own colours and gaps as
-breaks; a slider and the keys step through the layers (arrows, Page Up/Down,
-Home/End), the wheel zooms, dragging pans. Layers are numbered from 1, as
-'laytran info --layers' counts them. A side panel shows the header fields
-as written and the facts 'laytran info' prints, and the current layer's
-z, counts and enclosed area; the layer below and the contours' directions
-can be shown too.
+    R"(Reads FILE ('-': standard input, with -o) and writes a layer viewer: one
+HTML page, to open in any current browser, that needs nothing else (no
+network; scripts and geometry are inside). It draws one layer at a time in
+millimetres, with part contours, open polylines, hatches and support/web in
+their own colours and gaps as breaks; a slider and the keys step through
+the layers (arrows, Page Up/Down, Home/End), the wheel zooms, dragging
+pans. Layers are numbered from 1, as 'laytran info --layers' counts them. A
+side panel shows the header fields as written and the facts 'laytran info'
+prints, and the current layer's z, counts and enclosed area; the layer
+below and the contours' directions can be shown too.
 
 OUT defaults to FILE with its extension replaced by .html (part.cli ->
 part.html), beside FILE; '-' is standard output. It is written as a
