@@ -212,7 +212,8 @@ TEST(Modern, HelpVersionAndUsageErrors) {
 
     r = run_laytran({"--help"});
     EXPECT_EQ(r.status, 0);
-    for (const char *word : {"convert IN OUT", "info FILE", "check FILE", "help [COMMAND]", "-H"})
+    for (const char *word : {"convert IN OUT", "info FILE", "check FILE", "view FILE", "svg FILE",
+                             "help [COMMAND]", "-H"})
         EXPECT_NE(r.out.find(word), std::string::npos) << word;
     EXPECT_EQ(run_laytran({"help"}).out, r.out);
     r = run_laytran({"help", "convert"});

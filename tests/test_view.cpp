@@ -1,12 +1,15 @@
 // The layer viewer's geometry encoding, text escaping, layer statistics,
-// refusals and the SVG drawing. The page itself is checked by the node and
-// browser tests in tests/viewer.
+// refusals and the SVG drawing; `laytran view` and `laytran svg` end to
+// end. The pages themselves are checked by the node and browser tests in
+// tests/viewer.
 #include <gtest/gtest.h>
 
 #include <cmath>
 #include <functional>
+#include <regex>
 #include <sstream>
 
+#include "test_util.h"
 #include "view/encode.h"
 #include "viewer/fixture.h"
 
@@ -30,8 +33,8 @@ TEST(ViewEncoding, Base64AndTheLayerRecordLayout) {
     }
 
     Layer layer{1.0,
-                {{PathKind::Hatches, Direction::Unknown, {{1.5f, -2}, {3, 4}}},
-                 {PathKind::Contour, Direction::Clockwise, {{0.1f, 0}, kBreak, {1, 1}}}}};
+                {{PathKind::hatches, Direction::unknown, {{1.5f, -2}, {3, 4}}},
+                 {PathKind::contour, Direction::clockwise, {{0.1f, 0}, break_mark, {1, 1}}}}};
     std::vector<unsigned char> record;
     encode_layer(layer, record);
     const std::vector<unsigned char> want = {
@@ -84,8 +87,8 @@ TEST(ViewStats, CountsAreaAndDirectionMismatches) {
 
     // Far from the origin the area keeps its precision.
     Layer far{0,
-              {{PathKind::Contour,
-                Direction::Clockwise,
+              {{PathKind::contour,
+                Direction::clockwise,
                 {{100000, 100000}, {100000, 100001}, {100001, 100001}, {100001, 100000}}}}};
     EXPECT_DOUBLE_EQ(layer_stats(far).area, -1);
 }
@@ -120,7 +123,7 @@ TEST(ViewWriters, RefuseBadModelsAndFailedOutput) {
          "layer 0, path 3, point 2: coordinate is not finite"}, // half a break
         {[](Document &d) { d.layers[0].paths[2].points.pop_back(); },
          "layer 0, path 2: hatches need an even number of points"},
-        {[](Document &d) { d.layers[0].paths[2].points[1] = kBreak; },
+        {[](Document &d) { d.layers[0].paths[2].points[1] = break_mark; },
          "layer 0, path 2, point 1: hatches cannot have a break"},
         {[](Document &d) { d.layers[1].paths[0].kind = PathKind(4); },
          "layer 1, path 0: unknown kind or direction"},
@@ -152,7 +155,7 @@ TEST(ViewWriters, RefuseBadModelsAndFailedOutput) {
 
 TEST(ViewWriters, HtmlSizeEstimateAndEscaping) {
     Document doc = viewer_fixture::sample_document();
-    Layer big{1, {{PathKind::Polyline, Direction::Unknown, {}}}};
+    Layer big{1, {{PathKind::polyline, Direction::unknown, {}}}};
     for (int k = 0; k < 30000; k++)
         big.paths[0].points.push_back({float(k), float(k % 7)});
     for (int k = 0; k < 20; k++)
@@ -215,7 +218,7 @@ TEST(ViewWriters, SvgDrawsTheLayersPointsRightWayUp) {
                 want.emplace_back();
                 for (std::size_t k = 0; k < path.points.size(); k++) {
                     bool split = is_break(path.points[k]) ||
-                                 (path.kind == PathKind::Hatches && k % 2 == 0 && k > 0);
+                                 (path.kind == PathKind::hatches && k % 2 == 0 && k > 0);
                     if (split && !want.back().empty()) want.emplace_back();
                     if (!is_break(path.points[k])) want.back().push_back(path.points[k]);
                 }
@@ -231,4 +234,151 @@ TEST(ViewWriters, SvgDrawsTheLayersPointsRightWayUp) {
             }
         }
     }
+}
+
+// `laytran view` and `laytran svg`, end to end through the executable.
+namespace {
+
+// Three layers of 0.5 mm units at z 1, 2 and 3 mm: a counter-clockwise
+// contour, an open polyline and two hatches; an empty layer; a triangle.
+const char MODEL[] = "$$HEADERSTART\n$$ASCII\n$$UNITS/0.5\n$$LABEL/1,part\n$$HEADEREND\n"
+                     "$$GEOMETRYSTART\n$$LAYER/2\n$$POLYLINE/1,1,5,2,2,10,2,10,8,2,8,2,2\n"
+                     "$$POLYLINE/1,2,3,4,4,6,4,6,6\n$$HATCHES/1,2,3,3,9,3,3,5,9,5\n$$LAYER/4\n"
+                     "$$LAYER/6\n$$POLYLINE/1,0,4,2,2,2,8,10,2,2,2\n$$GEOMETRYEND\n";
+
+using Runs = std::vector<std::vector<Point>>;
+
+void expect_runs(const std::string &svg, const std::string &group, const Runs &want) {
+    const Runs got = svg_runs(svg, group);
+    ASSERT_EQ(got.size(), want.size()) << group << "\n" << svg;
+    for (std::size_t r = 0; r < want.size(); r++) {
+        ASSERT_EQ(got[r].size(), want[r].size()) << group;
+        for (std::size_t k = 0; k < want[r].size(); k++)
+            EXPECT_TRUE(got[r][k].x == want[r][k].x && got[r][k].y == want[r][k].y)
+                << group << " run " << r << " point " << k;
+    }
+}
+
+// A usage error: status 2, the message and the hint, nothing read or written.
+void expect_usage(const std::vector<std::string> &args, const std::string &message,
+                  const std::string &dir) {
+    const RunResult r = run_laytran(args, dir);
+    EXPECT_EQ(r.status, 2) << args[1];
+    EXPECT_EQ(r.err,
+              "laytran " + args[0] + ": " + message + "\ntry 'laytran " + args[0] + " --help'\n");
+}
+
+} // namespace
+
+TEST(ViewCommand, SvgDrawsTheChosenLayerInMillimetres) {
+    TempDir d;
+    write_file(d.file("m.cli"), MODEL);
+    RunResult r = run_laytran({"svg", "m.cli", "--layer", "1", "-o", "-"}, d.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_NE(r.out.find("<title>m.cli, layer 1 of 3 at z = 1 mm</title>"), std::string::npos);
+    expect_runs(r.out, "contour", {{{1, 1}, {5, 1}, {5, 4}, {1, 4}, {1, 1}}});
+    expect_runs(r.out, "polyline", {{{2, 2}, {3, 2}, {3, 3}}});
+    expect_runs(r.out, "hatches", {{{1.5, 1.5}, {4.5, 1.5}}, {{1.5, 2.5}, {4.5, 2.5}}});
+    // --z within 0.0005 mm; the default name carries the layer drawn.
+    r = run_laytran({"svg", "m.cli", "--z", "3.0004"}, d.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    expect_runs(read_file(d.file("m-layer3.svg")), "contour", {{{1, 1}, {1, 4}, {5, 1}, {1, 1}}});
+    EXPECT_EQ(run_laytran({"svg", "m.cli", "--layer=2", "-o", "-"}, d.path()).out.find("<path"),
+              std::string::npos); // the empty layer
+    // Layers that do not exist, an existing output without --force.
+    const std::pair<std::vector<std::string>, std::string> refused[] = {
+        {{"--layer", "4"},
+         "laytran: m.cli: error: there is no layer 4: the file has 3 layers (1 "
+         "to 3)\n"},
+        {{"--z", "2.5"},
+         "laytran: m.cli: error: no layer at z 2.5 mm (within 0.0005 mm): the file "
+         "has 3 layers (1 to 3)\nlaytran: hint: the nearest: layer 2 at z 2 mm "
+         "and layer 3 at z 3 mm\n"},
+        {{"--z", "3"},
+         "laytran: m-layer3.svg: error: exists (not overwritten)\n"
+         "laytran: hint: use --force to overwrite it\n"},
+    };
+    for (const auto &[args, message] : refused) {
+        std::vector<std::string> all = {"svg", "m.cli"};
+        all.insert(all.end(), args.begin(), args.end());
+        r = run_laytran(all, d.path());
+        EXPECT_EQ(r.status, 1);
+        EXPECT_EQ(r.err, message);
+    }
+
+    // SLC gap marks are breaks in the path.
+    const auto f32 = [](float v) { return std::string(reinterpret_cast<const char *>(&v), 4); };
+    const auto u32 = [](std::uint32_t v) {
+        return std::string(reinterpret_cast<const char *>(&v), 4);
+    };
+    const float gap = 3.4028235e38f;
+    write_file(d.file("gap.slc"), "-SLCVER 2.0 -UNIT MM\r\n\x1a" + std::string(256, '\0') + "\1" +
+                                      f32(0) + f32(0.1f) + f32(0) + f32(0) + f32(0.1f) + u32(1) +
+                                      u32(5) + u32(1) + f32(0) + f32(0) + f32(10) + f32(0) +
+                                      f32(gap) + f32(gap) + f32(10) + f32(10) + f32(0) + f32(0) +
+                                      f32(0.2f) + u32(0xFFFFFFFF));
+    r = run_laytran({"svg", "gap.slc", "--layer", "1", "-o", "-"}, d.path());
+    EXPECT_EQ(r.status, 0) << r.err;
+    expect_runs(r.out, "contour", {{{0, 0}, {10, 0}}, {{10, 10}, {0, 0}}});
+
+#ifdef LAYTRAN_XMLLINT
+    // A name that needs escaping in the title still gives well-formed XML.
+    write_file(d.file("a&b <\"c\">.cli"), MODEL);
+    ASSERT_EQ(
+        run_laytran({"svg", "a&b <\"c\">.cli", "--layer", "1", "-o", "p.svg"}, d.path()).status, 0);
+    r = run_program(LAYTRAN_XMLLINT, {"--noout", "p.svg"}, d.path(), "", "xmllint");
+    EXPECT_EQ(r.status, 0) << r.err;
+#endif
+}
+
+TEST(ViewCommand, ViewWritesThePageOrRefusesIt) {
+    TempDir d;
+    write_file(d.file("m.cli"), MODEL);
+    RunResult r = run_laytran({"view", "m.cli"}, d.path());
+    ASSERT_EQ(r.status, 0) << r.err;
+    EXPECT_EQ(r.err, "");
+    const std::string html = read_file(d.file("m.html"));
+    for (const char *part : {"<title>m.cli &#183; laytran viewer</title>", R"(["LABEL","1,part"])",
+                             R"(["format","CLI, ASCII"])",
+                             R"(["part contours","2"],["open polylines","1"])", "id=\"L2\">"})
+        EXPECT_NE(html.find(part), std::string::npos) << part;
+    // An existing page needs --force; a page over the size limit is refused
+    // and leaves it as it was.
+    r = run_laytran({"view", "m.cli"}, d.path());
+    EXPECT_EQ(r.status, 1);
+    EXPECT_EQ(r.err, "laytran: m.html: error: exists (not overwritten)\n"
+                     "laytran: hint: use --force to overwrite it\n");
+    r = run_laytran({"view", "m.cli", "--force"}, d.path(), "", "laytran",
+                    {"LAYTRAN_VIEW_SIZE_LIMIT=20000"});
+    EXPECT_EQ(r.status, 1);
+    std::smatch m;
+    ASSERT_TRUE(std::regex_match(
+        r.err, m,
+        std::regex("laytran: m.cli: error: the viewer would take about ([0-9.]+) KiB, over its "
+                   "limit of 19.5 KiB \\(the size that still opens in a few seconds\\)\n"
+                   "laytran: hint: 'laytran svg m.cli --layer N' draws one layer at a time\n")))
+        << r.err;
+    EXPECT_GE(std::stod(m[1]) * 1024 + 52, html.size()); // the estimate is an upper bound
+    EXPECT_EQ(read_file(d.file("m.html")), html);
+    EXPECT_EQ(run_program("/bin/sh", {"-c", "ls -A"}, d.path()).out, "m.cli\nm.html\n");
+    // Standard input to standard output.
+    r = run_laytran({"view", "-", "-o", "-", "--from", "cli"}, d.path(), MODEL);
+    EXPECT_EQ(r.status, 0);
+    EXPECT_NE(r.out.find("<title>&lt;stdin&gt; &#183;"), std::string::npos);
+
+    expect_usage({"view"}, "missing operand FILE", d.path());
+    expect_usage({"view", "-"}, "name the output with -o when reading standard input", d.path());
+    expect_usage({"view", "m.cli", "-o"}, "option '-o' needs a value", d.path());
+    expect_usage({"svg", "m.cli"}, "name the layer: --layer N (from 1) or --z Z (in mm)", d.path());
+    expect_usage({"svg", "m.cli", "--layer", "1", "--z", "1"}, "--layer and --z cannot go together",
+                 d.path());
+    for (const char *bad : {"0", "-1", "1.5", "x", ""})
+        expect_usage({"svg", "m.cli", "--layer", bad},
+                     std::string("bad --layer '") + bad +
+                         "' (a layer number from 1, as 'laytran info --layers' counts)",
+                     d.path());
+    for (const char *bad : {"nan", "inf", "1mm", ""})
+        expect_usage({"svg", "missing.cli", "--z", bad},
+                     std::string("bad --z '") + bad + "' (a height in millimetres)", d.path());
+    EXPECT_EQ(run_program("/bin/sh", {"-c", "ls -A"}, d.path()).out, "m.cli\nm.html\n");
 }

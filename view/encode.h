@@ -46,8 +46,8 @@ struct Bounds {
 Bounds model_bounds(const Document &doc);
 
 // Stroke colours by PathKind, shared by the viewer and the SVG.
-inline constexpr const char *kKindColors[4] = {"#1f5bd6", "#e07b00", "#1d9a3c", "#c0208f"};
-inline constexpr const char *kKindNames[4] = {"part contour", "open polyline", "hatches",
+inline constexpr const char *kind_colors[4] = {"#1f5bd6", "#e07b00", "#1d9a3c", "#c0208f"};
+inline constexpr const char *kind_names[4] = {"part contour", "open polyline", "hatches",
                                               "support / web"};
 
 } // namespace laytran::view::detail

@@ -13,14 +13,14 @@ using namespace detail;
 namespace {
 
 // Kinds in drawing order: part contours last, on top.
-constexpr PathKind kDrawOrder[] = {PathKind::Support, PathKind::Hatches, PathKind::Polyline,
-                                   PathKind::Contour};
-constexpr const char *kClass[] = {"contour", "polyline", "hatches", "support"};
+constexpr PathKind draw_order[] = {PathKind::support, PathKind::hatches, PathKind::polyline,
+                                   PathKind::contour};
+constexpr const char *class_names[] = {"contour", "polyline", "hatches", "support"};
 
 // "M x y L x y x y ..." per run of points (the lineto repeats implicitly);
 // every hatch is a run of its own.
 void append_path_data(std::string &d, const Path &path) {
-    bool hatches = path.kind == PathKind::Hatches;
+    bool hatches = path.kind == PathKind::hatches;
     std::size_t run = 0;
     for (std::size_t k = 0; k < path.points.size(); k++) {
         Point p = path.points[k];
@@ -80,12 +80,12 @@ void write_svg(const Document &doc, std::size_t index, std::ostream &out) {
     s += "\" stroke-linecap=\"round\" stroke-linejoin=\"round\">\n";
 
     std::string d;
-    for (PathKind kind : kDrawOrder) {
+    for (PathKind kind : draw_order) {
         auto k = static_cast<unsigned>(kind);
         s += "<g class=\"";
-        s += kClass[k];
+        s += class_names[k];
         s += "\" stroke=\"";
-        s += kKindColors[k];
+        s += kind_colors[k];
         s += "\">\n";
         for (const Path &path : layer.paths) {
             if (path.kind != kind) continue;

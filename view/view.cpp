@@ -57,7 +57,7 @@ void validate(const Document &doc) {
             if (static_cast<unsigned>(path.kind) > 3 || static_cast<unsigned>(path.direction) > 2)
                 throw Error(where(i, j) + ": unknown kind or direction");
             if (path.points.size() > UINT32_MAX) throw Error(where(i, j) + ": too many points");
-            bool hatches = path.kind == PathKind::Hatches;
+            bool hatches = path.kind == PathKind::hatches;
             if (hatches && path.points.size() % 2 != 0)
                 throw Error(where(i, j) + ": hatches need an even number of points");
             for (std::size_t k = 0; k < path.points.size(); k++) {
@@ -83,22 +83,22 @@ LayerStats layer_stats(const Layer &layer) {
         s.breaks += breaks;
         s.points += path.points.size() - breaks;
         switch (path.kind) {
-        case PathKind::Contour: {
+        case PathKind::contour: {
             s.contours++;
             double a = signed_area(path.points);
             s.area += a;
-            if ((path.direction == Direction::Clockwise && a > 0) ||
-                (path.direction == Direction::CounterClockwise && a < 0))
+            if ((path.direction == Direction::clockwise && a > 0) ||
+                (path.direction == Direction::counter_clockwise && a < 0))
                 s.mismatches++;
             break;
         }
-        case PathKind::Polyline:
+        case PathKind::polyline:
             s.polylines++;
             break;
-        case PathKind::Hatches:
+        case PathKind::hatches:
             s.hatches += path.points.size() / 2;
             break;
-        case PathKind::Support:
+        case PathKind::support:
             s.supports++;
             break;
         }
@@ -115,28 +115,28 @@ std::string_view asset(const unsigned char (&bytes)[N]) {
     return {reinterpret_cast<const char *>(bytes), N - 1};
 }
 
-constexpr std::string_view kMarkers[] = {"@TITLE@",  "@CSS@", "@META@",
-                                         "@DECODE@", "@JS@",  "@LAYERS@"};
-constexpr std::size_t kMarkerCount = sizeof kMarkers / sizeof kMarkers[0];
+constexpr std::string_view markers[] = {"@TITLE@",  "@CSS@", "@META@",
+                                        "@DECODE@", "@JS@",  "@LAYERS@"};
+constexpr std::size_t marker_count = sizeof markers / sizeof markers[0];
 
 std::string_view template_piece(std::size_t k) {
-    std::string_view page = asset(kViewerHtml);
+    std::string_view page = asset(viewer_html);
     std::size_t begin = 0;
     for (std::size_t m = 0; m < k; m++)
-        begin = page.find(kMarkers[m], begin) + kMarkers[m].size();
-    std::size_t end = k < kMarkerCount ? page.find(kMarkers[k], begin) : page.size();
+        begin = page.find(markers[m], begin) + markers[m].size();
+    std::size_t end = k < marker_count ? page.find(markers[k], begin) : page.size();
     return page.substr(begin, end - begin);
 }
 
 // Fixed parts of every page: the template, styles and scripts.
-constexpr std::uint64_t kAssetBytes =
-    sizeof kViewerHtml + sizeof kViewerCss + sizeof kDecodeJs + sizeof kViewerJs;
+constexpr std::uint64_t asset_bytes =
+    sizeof viewer_html + sizeof viewer_css + sizeof decode_js + sizeof viewer_js;
 // Per layer: its statistics in the metadata (numbers of at most 24
 // characters) and the element around its data.
-constexpr std::uint64_t kLayerOverhead = 9 * 25 + 80;
+constexpr std::uint64_t layer_overhead = 9 * 25 + 80;
 // JSON-escaping a byte takes at most 6 bytes (Latin-1 bytes become 2-byte
 // UTF-8, control characters \u00XX).
-constexpr std::uint64_t kTextExpansion = 6;
+constexpr std::uint64_t text_expansion = 6;
 
 std::string metadata(const Document &doc) {
     std::string m = "{\"title\":";
@@ -159,9 +159,9 @@ std::string metadata(const Document &doc) {
     m += ",\"kinds\":[";
     for (int k = 0; k < 4; k++) {
         m += k ? ",[" : "[";
-        append_json_string(m, kKindNames[k]);
+        append_json_string(m, kind_names[k]);
         m += ',';
-        append_json_string(m, kKindColors[k]);
+        append_json_string(m, kind_colors[k]);
         m += ']';
     }
     m += "],\"bounds\":";
@@ -202,8 +202,8 @@ std::string metadata(const Document &doc) {
 std::uint64_t estimate_html_size(std::uint64_t layers, std::uint64_t paths, std::uint64_t points,
                                  std::uint64_t text_bytes) {
     // Each layer's base64 rounds up by at most 3 bytes, counted in the overhead.
-    return kAssetBytes + 1024 + text_bytes * kTextExpansion +
-           layers * (kLayerOverhead + base64_size(4)) + base64_size(8 * paths + 8 * points);
+    return asset_bytes + 1024 + text_bytes * text_expansion +
+           layers * (layer_overhead + base64_size(4)) + base64_size(8 * paths + 8 * points);
 }
 
 std::uint64_t estimate_html_size(const Document &doc) {
@@ -226,13 +226,13 @@ void write_html(const Document &doc, std::ostream &out) {
     append_markup_text(title, doc.title.empty() ? std::string_view("layers") : doc.title);
     std::string meta = metadata(doc);
     const std::string_view generated[] = {
-        title, asset(kViewerCss), meta, asset(kDecodeJs), asset(kViewerJs),
+        title, asset(viewer_css), meta, asset(decode_js), asset(viewer_js),
     };
-    for (std::size_t k = 0; k < kMarkerCount - 1; k++) {
+    for (std::size_t k = 0; k < marker_count - 1; k++) {
         write_bytes(out, template_piece(k));
         write_bytes(out, generated[k]);
     }
-    write_bytes(out, template_piece(kMarkerCount - 1));
+    write_bytes(out, template_piece(marker_count - 1));
 
     std::vector<unsigned char> record;
     std::string text;
@@ -243,7 +243,7 @@ void write_html(const Document &doc, std::ostream &out) {
         text += "</script>\n";
         write_bytes(out, text);
     }
-    write_bytes(out, template_piece(kMarkerCount));
+    write_bytes(out, template_piece(marker_count));
 }
 
 } // namespace laytran::view

@@ -21,15 +21,15 @@
 namespace laytran::view {
 
 enum class PathKind : std::uint8_t {
-    Contour = 0,  // part contour (a boundary of the part's section)
-    Polyline = 1, // open polyline
-    Hatches = 2,  // independent segments: points 0-1, 2-3, ...
-    Support = 3,  // support or web
+    contour = 0,  // part contour (a boundary of the part's section)
+    polyline = 1, // open polyline
+    hatches = 2,  // independent segments: points 0-1, 2-3, ...
+    support = 3,  // support or web
 };
 
 // The orientation a file declares for a contour; the viewer compares it with
 // the orientation of the points themselves.
-enum class Direction : std::uint8_t { Unknown = 0, Clockwise = 1, CounterClockwise = 2 };
+enum class Direction : std::uint8_t { unknown = 0, clockwise = 1, counter_clockwise = 2 };
 
 struct Point {
     float x;
@@ -39,8 +39,8 @@ struct Point {
 // A point whose x and y are both NaN is a break: the path is interrupted
 // there (a gap) and goes on from the next point. Any other non-finite
 // coordinate is an error. Hatches take no breaks.
-inline constexpr Point kBreak{std::numeric_limits<float>::quiet_NaN(),
-                              std::numeric_limits<float>::quiet_NaN()};
+inline constexpr Point break_mark{std::numeric_limits<float>::quiet_NaN(),
+                                  std::numeric_limits<float>::quiet_NaN()};
 inline bool is_break(Point p) {
     return p.x != p.x && p.y != p.y;
 }
@@ -48,8 +48,8 @@ inline bool is_break(Point p) {
 // Points are drawn in the order given and a contour is not closed for you: a
 // closed contour repeats its first point at the end, as the files store it.
 struct Path {
-    PathKind kind = PathKind::Contour;
-    Direction direction = Direction::Unknown; // meaningful for contours only
+    PathKind kind = PathKind::contour;
+    Direction direction = Direction::unknown; // meaningful for contours only
     std::vector<Point> points;
 };
 
@@ -105,7 +105,7 @@ LayerStats layer_stats(const Layer &layer);
 // An upper bound of write_html's output size in bytes for a model of this
 // many layers, paths and points (breaks count as points), with header and
 // summary texts of text_bytes in total. Callers check it against
-// kHtmlSizeLimit before building a Document.
+// html_size_limit before building a Document.
 std::uint64_t estimate_html_size(std::uint64_t layers, std::uint64_t paths, std::uint64_t points,
                                  std::uint64_t text_bytes = 0);
 std::uint64_t estimate_html_size(const Document &doc);
@@ -117,7 +117,7 @@ std::uint64_t estimate_html_size(const Document &doc);
 // 400 MB page's after about 2.5 s, needing about twice the page's size in
 // memory. Callers refuse larger models or subsample them (and say so in
 // Document::notice).
-inline constexpr std::uint64_t kHtmlSizeLimit = 384ull << 20;
+inline constexpr std::uint64_t html_size_limit = 384ull << 20;
 
 // Writes the viewer as one HTML file: scripts, styles and geometry inline,
 // nothing fetched when it opens. Throws Error for an invalid document and

@@ -21,6 +21,7 @@
   var LINE_WIDTH = [1.6, 1.3, 1, 1.3]; // CSS pixels by kind
   var UNDERLAY_COLOUR = '#b4bac4';
   var MAX_MARKERS = 20000;
+  var RULER_LEFT = 44, RULER_BOTTOM = 18; // CSS pixels the rulers take
   var CACHE_SIZE = 8;
 
   var canvas = document.getElementById('view');
@@ -113,15 +114,16 @@
             state.cy - (sy - state.height / 2) / state.scale];
   }
 
+  // The whole model in the room the rulers leave, with a margin.
   function fit() {
     var b = modelBounds();
     var w = b.xmax - b.xmin, h = b.ymax - b.ymin;
-    var pad = 40;
-    var sx = (state.width - 2 * pad) / w, sy = (state.height - 2 * pad) / h;
+    var pad = 30, left = RULER_LEFT + pad, bottom = RULER_BOTTOM + pad;
+    var sx = (state.width - left - pad) / w, sy = (state.height - bottom - pad) / h;
     var s = Math.min(w > 0 ? sx : Infinity, h > 0 ? sy : Infinity);
     state.scale = isFinite(s) && s > 0 ? s : 10;
-    state.cx = (b.xmin + b.xmax) / 2;
-    state.cy = (b.ymin + b.ymax) / 2;
+    state.cx = (b.xmin + b.xmax) / 2 - (left - pad) / 2 / state.scale;
+    state.cy = (b.ymin + b.ymax) / 2 - (bottom - pad) / 2 / state.scale;
     requestDraw();
   }
 
@@ -250,9 +252,9 @@
   // Millimetre rulers along the left and bottom edges.
   function drawRulers() {
     var step = niceStep(80 / state.scale);
-    var bottom = state.height - 18, left = 44;
+    var bottom = state.height - RULER_BOTTOM, left = RULER_LEFT;
     ctx.fillStyle = 'rgba(255,255,255,0.85)';
-    ctx.fillRect(0, bottom, state.width, 18);
+    ctx.fillRect(0, bottom, state.width, RULER_BOTTOM);
     ctx.fillRect(0, 0, left, bottom);
     ctx.strokeStyle = '#6b7380';
     ctx.fillStyle = '#3b414b';

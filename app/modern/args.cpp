@@ -42,18 +42,24 @@ Args parse_args(const std::vector<std::string> &words, const std::vector<OptionS
             args.help = true;
             continue;
         }
-        if (w.compare(0, 2, "--") != 0)
+        const OptionSpec *spec = nullptr;
+        for (const OptionSpec &s : specs) {
+            if (s.letter && w.size() == 2 && w[1] == s.letter) spec = &s;
+        }
+        if (!spec && w.compare(0, 2, "--") != 0)
             throw UsageError("unknown option '" + w + "' (options are long: --name)");
-        const std::size_t eq = w.find('=');
-        const std::string name = w.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
-        const OptionSpec *spec = find(specs, name);
+        const std::size_t eq = spec ? std::string::npos : w.find('=');
+        const std::string name =
+            spec ? spec->name : w.substr(2, eq == std::string::npos ? std::string::npos : eq - 2);
+        if (!spec) spec = find(specs, name);
         if (!spec) throw UsageError("unknown option '--" + name + "'" + suggestion(specs, name));
+        const std::string shown = w.compare(0, 2, "--") == 0 ? "--" + name : w;
         std::string value;
         if (eq != std::string::npos) {
-            if (!spec->value) throw UsageError("option '--" + name + "' takes no value");
+            if (!spec->value) throw UsageError("option '" + shown + "' takes no value");
             value = w.substr(eq + 1);
         } else if (spec->value) {
-            if (i + 1 == words.size()) throw UsageError("option '--" + name + "' needs a value");
+            if (i + 1 == words.size()) throw UsageError("option '" + shown + "' needs a value");
             value = words[++i];
         }
         args.options[name] = value;

@@ -1,6 +1,7 @@
 // Arguments of a modern subcommand: operands and long options
-// (`--name value`, `--name=value`, flags without a value) in any order;
-// `--` ends the options and `-` is an operand (standard input or output).
+// (`--name value`, `--name=value`, flags without a value) in any order, a
+// few of them also with a one-letter name (`-o value`); `--` ends the
+// options and `-` is an operand (standard input or output).
 #pragma once
 
 #include <map>
@@ -18,6 +19,7 @@ struct UsageError : std::runtime_error {
 struct OptionSpec {
     const char *name; // without "--"
     bool value;       // takes a value
+    char letter = 0;  // the one-letter name (`-o`), if any
 };
 
 struct Args {

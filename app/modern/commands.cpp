@@ -1,5 +1,4 @@
 // The table of subcommands, the dispatch, the overview and `laytran help`.
-#include <algorithm>
 #include <cstring>
 #include <new>
 #include <sys/stat.h>
@@ -12,15 +11,13 @@
 
 namespace laytran::modern {
 
-extern const Command convert_command, info_command, check_command, help_command;
+extern const Command convert_command, info_command, check_command, view_command, svg_command,
+    help_command;
 
 const std::vector<const Command *> &commands() {
     // One line a subcommand, in the order of the overview.
     static const std::vector<const Command *> table = {
-        &convert_command,
-        &info_command,
-        &check_command,
-        &help_command,
+        &convert_command, &info_command, &check_command, &view_command, &svg_command, &help_command,
     };
     return table;
 }
@@ -49,18 +46,12 @@ std::string overview() {
                        "       laytran -f IN -o OUT [-F C|F|S] [-O A|a|b|s|as|S|F] [-P] [-R n] "
                        "[-U units] [-V n] [-W letters] [-H]\n"
                        "\n"
-                       "Translates layer (\"slice\") files: CLI (ASCII; binary long, short and "
-                       "aligned), SLC and FDM (.ssl).\n"
+                       "Translates, describes, checks and draws layer (\"slice\") files: CLI\n"
+                       "(ASCII; binary long, short and aligned), SLC and FDM (.ssl).\n"
                        "\n"
                        "Commands:\n";
-    std::size_t width = 0;
     for (const Command *c : commands())
-        width = std::max(width, std::strlen(c->synopsis));
-    for (const Command *c : commands()) {
-        text += "  " + std::string(c->synopsis);
-        text += std::string(width - std::strlen(c->synopsis) + 3, ' ');
-        text += std::string(c->summary) + "\n";
-    }
+        text += "  " + std::string(c->synopsis) + "\n      " + c->summary + "\n";
     text += "\n"
             "Options:\n"
             "  --help       print this help ('laytran help COMMAND' for a command's)\n"

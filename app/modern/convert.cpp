@@ -3,17 +3,15 @@
 #include <cmath>
 #include <cstdlib>
 #include <cstring>
-#include <sys/stat.h>
 
-#include "app/classic/cleanup.h"
 #include "app/classic/options.h"
 #include "app/modern/args.h"
 #include "app/modern/command.h"
 #include "app/modern/console.h"
 #include "app/modern/input.h"
 #include "app/modern/options.h"
+#include "app/modern/output.h"
 #include "laytran/io.h"
-#include "support/atomic_output.h"
 #include "support/memory_budget.h"
 #include "support/system_error.h"
 
@@ -97,13 +95,6 @@ std::uint64_t parse_size(const std::string &text) {
     return *bytes;
 }
 
-// Two names of one regular file.
-bool same_file(const std::string &a, const std::string &b) {
-    struct stat sa, sb;
-    return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && S_ISREG(sa.st_mode) &&
-           sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
-}
-
 int run_convert(const std::vector<std::string> &words, Console &console) {
     const Args a = parse_args(words, {{"from", true},
                                       {"to", true},
@@ -139,31 +130,8 @@ int run_convert(const std::vector<std::string> &words, Console &console) {
 
     // The output: standard output, or a temporary file beside the target
     // that replaces it only when everything was written.
-    classic::SignalCleanup cleanup;
-    AtomicOutput out(&cleanup);
-    if (out_name == "-") {
-        out.adopt(stdout);
-    } else {
-        struct stat st;
-        const bool exists = stat(out_name.c_str(), &st) == 0;
-        if (exists && S_ISDIR(st.st_mode)) {
-            console.error("is a directory", out_name);
-            return exit_failed;
-        }
-        if (!in.path.empty() && same_file(in.path, out_name)) {
-            console.error("the output file is the input file", out_name);
-            return exit_failed;
-        }
-        if (exists && !a.has("force")) {
-            console.error("exists (not overwritten)", out_name);
-            console.hint("use --force to overwrite it");
-            return exit_failed;
-        }
-        if (!out.open(out_name, exists ? &st : nullptr)) {
-            console.error("cannot create: " + system_error_text(errno), out_name);
-            return exit_failed;
-        }
-    }
+    Output out;
+    if (!out.open(out_name, in.path, a.has("force"), console)) return exit_failed;
     std::FILE *source = in.stream;
     std::FILE *opened = nullptr;
     if (!source) {
@@ -180,12 +148,7 @@ int run_convert(const std::vector<std::string> &words, Console &console) {
     };
     TranslateResult result = translate(source, out.stream(), t, console.sink());
     if (opened) std::fclose(opened);
-    bool ok = result.ok;
-    if (!out.close(ok) && ok) {
-        console.error(std::string(out.failed_step()) + ": " + system_error_text(out.error_number()),
-                      out_name == "-" ? "<stdout>" : out_name);
-        ok = false;
-    }
+    const bool ok = out.close(result.ok, console);
     console.finish_progress();
     if (!ok) {
         const std::string hint = format_hint(in.sniffed, in.format);

@@ -7,7 +7,6 @@
 #include "app/modern/input.h"
 #include "app/modern/json.h"
 #include "app/modern/options.h"
-#include "laytran/io.h"
 #include "laytran/summary.h"
 
 namespace laytran::modern {
@@ -32,44 +31,54 @@ std::string range(double a, double b) {
     return a == b ? g(a) : g(a) + " to " + g(b);
 }
 
-void line(std::string &text, const char *key, const std::string &value) {
-    std::string k = key;
-    k.resize(18, ' ');
-    text += k + value + "\n";
+} // namespace
+
+std::vector<Fact> summary_facts(const Summary &s, bool header) {
+    std::vector<Fact> f;
+    f.push_back({"format", format_title(s.format) + (s.variant.empty() ? "" : ", " + s.variant)});
+    f.push_back({"unit", g(s.unit_mm) + " mm"});
+    if (header) {
+        if (!s.units.empty()) f.push_back({"units (header)", s.units});
+        if (!s.version.empty()) f.push_back({"version", s.version});
+        if (!s.date.empty()) f.push_back({"date", s.date});
+        for (const Label &l : s.labels)
+            f.push_back({"label", n(l.id) + " " + l.text});
+        if (!s.dimension.empty()) f.push_back({"dimension", s.dimension});
+    }
+    f.push_back(
+        {"layers",
+         n(s.layer_count) + (s.declared_layers ? " (declared " + n(s.declared_layers) + ")" : "")});
+    if (s.layer_count > 0) f.push_back({"z", range(s.z_first_mm, s.z_last_mm) + " mm"});
+    if (s.layer_count > 1)
+        f.push_back({"spacing", (s.spacing_uniform ? g(s.spacing_min_mm)
+                                                   : range(s.spacing_min_mm, s.spacing_max_mm)) +
+                                    " mm"});
+    if (!s.bounds_mm.empty())
+        f.push_back({"bounds", "x " + range(s.bounds_mm.xmin, s.bounds_mm.xmax) + ", y " +
+                                   range(s.bounds_mm.ymin, s.bounds_mm.ymax) + ", z " +
+                                   range(s.bounds_mm.zmin, s.bounds_mm.zmax) + " mm"});
+    const Counts &c = s.counts;
+    f.push_back({"empty layers", n(c.empty_layers)});
+    f.push_back({"part contours", n(c.part_contours)});
+    f.push_back({"open polylines", n(c.open_polylines)});
+    f.push_back({"hatch blocks", n(c.hatch_blocks) + " (" + n(c.hatches) + " hatches)"});
+    f.push_back({"support contours", n(c.support_contours)});
+    f.push_back({"web contours", n(c.web_contours)});
+    f.push_back({"points", n(c.points)});
+    f.push_back({"gaps", n(c.gaps)});
+    return f;
 }
+
+namespace {
 
 std::string render_text(const std::string &name, const Summary &s, bool layers) {
     std::string t;
-    line(t, "file", name);
-    line(t, "format", format_title(s.format) + (s.variant.empty() ? "" : ", " + s.variant));
-    line(t, "unit", g(s.unit_mm) + " mm");
-    if (!s.units.empty()) line(t, "units (header)", s.units);
-    if (!s.version.empty()) line(t, "version", s.version);
-    if (!s.date.empty()) line(t, "date", s.date);
-    for (const Label &l : s.labels)
-        line(t, "label", n(l.id) + " " + l.text);
-    if (!s.dimension.empty()) line(t, "dimension", s.dimension);
-    line(t, "layers",
-         n(s.layer_count) + (s.declared_layers ? " (declared " + n(s.declared_layers) + ")" : ""));
-    if (s.layer_count > 0) line(t, "z", range(s.z_first_mm, s.z_last_mm) + " mm");
-    if (s.layer_count > 1)
-        line(t, "spacing",
-             (s.spacing_uniform ? g(s.spacing_min_mm) : range(s.spacing_min_mm, s.spacing_max_mm)) +
-                 " mm");
-    if (!s.bounds_mm.empty())
-        line(t, "bounds",
-             "x " + range(s.bounds_mm.xmin, s.bounds_mm.xmax) + ", y " +
-                 range(s.bounds_mm.ymin, s.bounds_mm.ymax) + ", z " +
-                 range(s.bounds_mm.zmin, s.bounds_mm.zmax) + " mm");
-    const Counts &c = s.counts;
-    line(t, "empty layers", n(c.empty_layers));
-    line(t, "part contours", n(c.part_contours));
-    line(t, "open polylines", n(c.open_polylines));
-    line(t, "hatch blocks", n(c.hatch_blocks) + " (" + n(c.hatches) + " hatches)");
-    line(t, "support contours", n(c.support_contours));
-    line(t, "web contours", n(c.web_contours));
-    line(t, "points", n(c.points));
-    line(t, "gaps", n(c.gaps));
+    std::vector<Fact> facts = summary_facts(s, true);
+    facts.insert(facts.begin(), {"file", name});
+    for (Fact &f : facts) {
+        f.key.resize(18, ' ');
+        t += f.key + f.value + "\n";
+    }
     if (layers) {
         char row[200];
         std::snprintf(row, sizeof row, "\n%8s %12s %9s %9s %8s %9s %8s %8s %10s %6s\n", "layer",
@@ -182,23 +191,8 @@ int run_info(const std::vector<std::string> &words, Console &console) {
 
     Input in;
     if (!in.open(a.operands[0], from, console)) return exit_failed;
-    console.set_input(in.place());
-    ReadOptions options;
-    options.format = in.format;
-    options.keep_empty_layers = true;
-    console.start_progress(when);
-    options.progress = [&console](std::uint64_t r, std::uint64_t total, std::uint64_t w) {
-        console.progress()->update(r, total, w);
-    };
     Model model;
-    const bool ok = in.stream ? read_model(in.stream, options, model, console.sink())
-                              : read_model(in.path, options, model, console.sink());
-    console.finish_progress();
-    if (!ok) {
-        const std::string hint = format_hint(in.sniffed, in.format);
-        if (!hint.empty()) console.hint(hint);
-        return exit_failed;
-    }
+    if (!in.read(model, when, console)) return exit_failed;
     const bool layers = a.has("layers");
     const Summary s = summarize(model, layers);
     const std::string name = in.name == "-" ? "<stdin>" : in.name;

@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include "app/modern/args.h"
+#include "laytran/io.h"
 #include "support/system_error.h"
 
 namespace laytran::modern {
@@ -182,6 +183,25 @@ bool Input::open(const std::string &given, const std::string *from, Console &con
     }
     if (!standard) head_.clear();
     return true;
+}
+
+bool Input::read(Model &model, ProgressBar::When when, Console &console) {
+    console.set_input(place());
+    ReadOptions options;
+    options.format = format;
+    options.keep_empty_layers = true;
+    console.start_progress(when);
+    options.progress = [&console](std::uint64_t r, std::uint64_t total, std::uint64_t w) {
+        console.progress()->update(r, total, w);
+    };
+    const bool ok = stream ? read_model(stream, options, model, console.sink())
+                           : read_model(path, options, model, console.sink());
+    console.finish_progress();
+    if (!ok) {
+        const std::string hint = format_hint(sniffed, format);
+        if (!hint.empty()) console.hint(hint);
+    }
+    return ok;
 }
 
 InputPlace Input::place() const {

@@ -9,6 +9,7 @@
 #include "app/modern/console.h"
 #include "laytran/detect.h"
 #include "laytran/formats.h"
+#include "laytran/model.h"
 
 namespace laytran::modern {
 
@@ -40,6 +41,10 @@ class Input {
     std::FILE *stream = nullptr;
     // The place the console gives the input's diagnostics.
     InputPlace place() const;
+    // Reads the whole model (empty layers kept), with a progress bar as
+    // `when` says; the console places the messages. False after an error
+    // message, with a hint when the contents look like another format.
+    bool read(Model &model, ProgressBar::When when, Console &console);
 
   private:
     std::vector<unsigned char> head_;

@@ -1,9 +1,13 @@
-// What the subcommands share: their help, the message level and the
-// progress setting.
+// What the subcommands share: their help, the message level, the
+// progress setting and the facts about a model.
 #pragma once
+
+#include <string>
+#include <vector>
 
 #include "app/modern/args.h"
 #include "app/modern/console.h"
+#include "laytran/summary.h"
 
 namespace laytran::modern {
 
@@ -13,5 +17,13 @@ int print_help(const char *name, Console &console);
 void set_level(const Args &args, Console &console);
 // --progress auto|always|never (auto when not given).
 ProgressBar::When progress_when(const Args &args);
+
+// The facts `laytran info` prints about a model (but the file's name), in
+// its order; `header`: with the header fields it shows (units, version,
+// date, labels, dimension).
+struct Fact {
+    std::string key, value;
+};
+std::vector<Fact> summary_facts(const Summary &summary, bool header);
 
 } // namespace laytran::modern

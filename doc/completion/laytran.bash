@@ -7,7 +7,7 @@ _laytran() {
         prev=${COMP_WORDS[COMP_CWORD - 1]}
         cword=$COMP_CWORD
     }
-    local commands="convert info check help"
+    local commands="convert info check view svg help"
     local formats_in="cli slc ssl"
     local formats_out="cli cli-binary cli-long cli-short cli-aligned cli-aligned-short slc ssl"
 
@@ -25,7 +25,8 @@ _laytran() {
     --to) COMPREPLY=($(compgen -W "$formats_out" -- "$cur")); return ;;
     --progress) COMPREPLY=($(compgen -W "auto always never" -- "$cur")); return ;;
     --units) COMPREPLY=($(compgen -W "mm cm meters inches feet mils microns" -- "$cur")); return ;;
-    --memory) return ;;
+    --memory | --layer | --z) return ;;
+    -o | --output) [[ $command != -* ]] && { COMPREPLY=($(compgen -f -- "$cur")); return; } ;;
     -F) COMPREPLY=($(compgen -W "C F S" -- "$cur")); return ;;
     -O) COMPREPLY=($(compgen -W "A a b s as S F" -- "$cur")); return ;;
     esac
@@ -34,6 +35,8 @@ _laytran() {
     convert) options="--from --to --units --move-positive --reverse --force --memory --progress --quiet --verbose --help" ;;
     info) options="--json --layers --from --progress --quiet --verbose --help" ;;
     check) options="--from --progress --quiet --verbose --help" ;;
+    view) options="-o --output --from --force --progress --quiet --verbose --help" ;;
+    svg) options="--layer --z -o --output --from --force --progress --quiet --verbose --help" ;;
     help) COMPREPLY=($(compgen -W "$commands" -- "$cur")); return ;;
     -*) options="-f -o -F -O -P -R -U -V -W -H" ;;
     esac

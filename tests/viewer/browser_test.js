@@ -1,13 +1,17 @@
-// Opens a generated viewer in headless Chromium and checks what a user sees.
+// Opens generated viewers in headless Chromium and checks what a user sees.
 // Talks to the browser over the DevTools protocol on a pipe, so it needs
 // nothing but node and the browser.
-//   node browser_test.js CHROMIUM FIXTURE_DIR ARTIFACT_DIR
-//       checks sample.html; keeps screenshots in ARTIFACT_DIR
+//   node browser_test.js CHROMIUM FIXTURE_DIR ARTIFACT_DIR LAYTRAN SAMPLE
+//       checks sample.html (the view module's fixture), then the pages
+//       `LAYTRAN view` writes for a small model in every input format and
+//       for SAMPLE (the bundled samples/plate.cli); keeps screenshots in
+//       ARTIFACT_DIR (viewer-plate.png is the README's picture)
 //   node browser_test.js CHROMIUM --measure PAGE.html
 //       prints how long PAGE.html takes to show its first layer and to step
 'use strict';
 const assert = require('assert');
 const { spawn } = require('child_process');
+const { execFileSync } = require('child_process');
 const fs = require('fs');
 const os = require('os');
 const path = require('path');
@@ -126,7 +130,11 @@ function near(pixel, rgb) {
   return flat && Math.min(...shares) >= 0.3 && Math.max(...shares) - Math.min(...shares) <= 0.15;
 }
 
+// Resolves after the next two frames: any redraw asked for has happened.
+const FRAMES = `new Promise((r) => requestAnimationFrame(() => requestAnimationFrame(() => r(true))))`;
+
 async function checkPixels(browser, expectations, label) {
+  await browser.eval(FRAMES); // a resize clears the canvas until its redraw
   const found = await browser.eval(`(${PIXELS_AT})(${JSON.stringify(expectations.map((e) => e[0]))})`);
   expectations.forEach(([point, want], i) => {
     const pixels = found[i];
@@ -152,11 +160,53 @@ async function stepTo(browser, key, code, keyCode, layer) {
   await browser.waitFor(`document.body.dataset.drawn === '${layer}'`, `layer ${layer} after ${key}`);
 }
 
-async function test(exe, fixtureDir, artifactDir) {
+// Navigates to a page and waits for its first layer.
+async function load(browser, url) {
+  await browser.send('Page.navigate', { url });
+  await browser.waitFor(`document.URL === ${JSON.stringify(url)} && document.body &&
+    document.body.dataset.ready === '1'`, 'the first layer of ' + url);
+}
+
+// A model in millimetres with the path kinds each format holds: an outer
+// contour with a hole and hatches, a triangle, a rectangle.
+const MODEL = `$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$LAYERS/3\n$$HEADEREND\n$$GEOMETRYSTART
+$$LAYER/0.1\n$$POLYLINE/1,1,5,10,10,90,10,90,50,10,50,10,10\n$$POLYLINE/1,0,5,40,20,40,40,60,40,60,20,40,20
+$$HATCHES/1,2,12,15,38,15,12,45,88,45\n$$LAYER/0.2\n$$POLYLINE/1,1,4,10,10,50,10,30,40,10,10
+$$LAYER/0.3\n$$POLYLINE/1,1,5,20,20,80,20,80,40,20,40,20,20\n$$GEOMETRYEND\n`;
+const FORMS = ['cli', 'cli-binary', 'cli-short', 'cli-aligned', 'cli-aligned-short', 'slc', 'ssl'];
+
+// `laytran view` on the model in every form (SLC and FDM hold no hatches):
+// the layer count, each layer's z on the arrow key, the contours' pixels.
+async function checkFormats(browser, laytran, dir, artifactDir, setUrl) {
+  const source = path.join(dir, 'model.cli');
+  fs.writeFileSync(source, MODEL);
+  for (const form of FORMS) {
+    const file = path.join(dir, 'model-' + form), page = file + '.html';
+    execFileSync(laytran, ['convert', source, file, '--to', form, '--force', '--quiet']);
+    execFileSync(laytran, ['view', file, '-o', page, '--force']);
+    await load(browser, setUrl('file://' + page));
+    const [contour, , hatches] = (await browser.eval(
+      `JSON.parse(document.getElementById('lt-meta').textContent).kinds`)).map((k) => k[1]);
+    const label = form + ' layer 1';
+    await checkPixels(browser, [[[50, 10], contour], [[90, 30], contour], [[50, 40], contour],
+      [[50, 30], 'blank'], [[25, 30], 'blank'],
+      [[25, 15], form.startsWith('cli') ? hatches : 'blank']], label);
+    await browser.screenshot(path.join(artifactDir, 'viewer-' + form + '.png'));
+    for (let i = 0; i < 3; i++) {
+      if (i > 0) await stepTo(browser, 'ArrowRight', 'ArrowRight', 39, i);
+      const s = await state(browser);
+      assert.deepStrictEqual([s.count, s.shownCount, s.layer, s.shownIndex], ['3', '3', String(i), String(i + 1)], label);
+      for (const z of [s.z, s.shownZ]) assert.ok(Math.abs(Number(z) - 0.1 * (i + 1)) < 1e-4, `${form}: z ${z}`);
+      if (i === 1) await checkPixels(browser, [[[30, 10], contour], [[50, 40], 'blank']], form + ' layer 2');
+    }
+  }
+}
+
+async function test(exe, fixtureDir, artifactDir, laytran, sample) {
   const page = path.resolve(fixtureDir, 'sample.html');
   const browser = new Browser(exe);
   const problems = [];
-  const pageUrl = 'file://' + page;
+  let pageUrl = 'file://' + page;
   browser.handlers.push((method, p) => {
     if (method === 'Runtime.exceptionThrown') problems.push('exception: ' + p.exceptionDetails.text);
     if (method === 'Runtime.consoleAPICalled' && (p.type === 'error' || p.type === 'assert'))
@@ -167,8 +217,7 @@ async function test(exe, fixtureDir, artifactDir) {
   });
   try {
     await browser.openPage(1200, 800);
-    await browser.send('Page.navigate', { url: pageUrl });
-    await browser.waitFor(`document.body && document.body.dataset.ready === '1'`, 'the first layer');
+    await load(browser, pageUrl);
     const kinds = (await browser.eval(`JSON.parse(document.getElementById('lt-meta').textContent).kinds`))
       .map((k) => k[1]);
     const [contour, polyline, hatches, support] = kinds;
@@ -204,7 +253,7 @@ async function test(exe, fixtureDir, artifactDir) {
     // contour is declared clockwise but runs counter-clockwise, so its
     // start gets a red marker; layer 0's hole shows faintly.
     await browser.eval(`document.getElementById('underlay').click(); document.getElementById('arrows').click()`);
-    await browser.waitFor(`new Promise((r) => requestAnimationFrame(() => requestAnimationFrame(() => r(true))))`, 'a redraw');
+    await browser.eval(FRAMES);
     await checkPixels(browser, [[[10, 10], '#d01818'], [[50, 40], '#b4bac4'], [[30, 25], 'blank']],
       'layer 1 with underlay and direction');
     await browser.screenshot(path.join(artifactDir, 'viewer-layer1-direction.png'));
@@ -220,6 +269,24 @@ async function test(exe, fixtureDir, artifactDir) {
 
     s = await state(browser);
     assert.deepStrictEqual(s.errors, []);
+
+    const dir = fs.mkdtempSync(path.join(os.tmpdir(), 'laytran-view-'));
+    try {
+      await checkFormats(browser, laytran, dir, artifactDir, (url) => (pageUrl = url));
+      // The README's picture: the bundled sample with the direction markers.
+      const plate = path.join(dir, 'plate.html');
+      execFileSync(laytran, ['view', sample, '-o', plate]);
+      await browser.send('Emulation.setDeviceMetricsOverride',
+        { width: 1000, height: 660, deviceScaleFactor: 1, mobile: false });
+      await load(browser, (pageUrl = 'file://' + plate));
+      assert.strictEqual((await state(browser)).count, '4');
+      await browser.eval(`document.getElementById('arrows').click()`);
+      await browser.eval(FRAMES);
+      await browser.screenshot(path.join(artifactDir, 'viewer-plate.png'));
+      assert.deepStrictEqual((await state(browser)).errors, []);
+    } finally {
+      fs.rmSync(dir, { recursive: true, force: true });
+    }
     assert.deepStrictEqual(problems, []);
     console.log('viewer checks passed; screenshots in ' + artifactDir);
   } catch (e) {
@@ -260,5 +327,5 @@ async function measure(exe, file) {
 
 const [exe, ...rest] = process.argv.slice(2);
 const watchdog = setTimeout(() => { console.error('browser test: no result after 150 s'); process.exit(1); }, 150000);
-(rest[0] === '--measure' ? measure(exe, rest[1]) : (fs.mkdirSync(rest[1], { recursive: true }), test(exe, rest[0], rest[1])))
+(rest[0] === '--measure' ? measure(exe, rest[1]) : (fs.mkdirSync(rest[1], { recursive: true }), test(exe, ...rest)))
   .then(() => { clearTimeout(watchdog); }, (e) => { console.error(e.stack || e); process.exit(1); });

@@ -15,7 +15,7 @@ inline Path path(PathKind kind, Direction dir, std::vector<Point> points) {
 }
 
 inline Document sample_document() {
-    const Point B = kBreak;
+    const Point B = break_mark;
     Document doc;
     doc.title = "plaque-\xE9 <demo> & \"sample\".cli";
     doc.header = {{"UNITS", "1.0"}, {"VERSION", "200"}, {"LABEL", "caf\xE9 </script><b>x</b>"}};
@@ -25,25 +25,25 @@ inline Document sample_document() {
     // two hatches, an open polyline with a gap between x 30 and 70, a support.
     Layer l0{
         0.05,
-        {path(PathKind::Contour, Direction::CounterClockwise,
+        {path(PathKind::contour, Direction::counter_clockwise,
               {{10, 10}, {90, 10}, {90, 50}, {10, 50}, {10, 10}}),
-         path(PathKind::Contour, Direction::Clockwise,
+         path(PathKind::contour, Direction::clockwise,
               {{40, 20}, {40, 40}, {60, 40}, {60, 20}, {40, 20}}),
-         path(PathKind::Hatches, Direction::Unknown, {{12, 15}, {38, 15}, {12, 45}, {88, 45}}),
-         path(PathKind::Polyline, Direction::Unknown, {{5, 55}, {30, 57}, B, {70, 57}, {95, 55}}),
-         path(PathKind::Support, Direction::Unknown, {{70, 25}, {85, 25}, {85, 35}})}};
+         path(PathKind::hatches, Direction::unknown, {{12, 15}, {38, 15}, {12, 45}, {88, 45}}),
+         path(PathKind::polyline, Direction::unknown, {{5, 55}, {30, 57}, B, {70, 57}, {95, 55}}),
+         path(PathKind::support, Direction::unknown, {{70, 25}, {85, 25}, {85, 35}})}};
     // Layer 1: the outer contour declared clockwise although its points run
     // counter-clockwise; a contour with a gap; an unknown direction.
     Layer l1{0.1,
-             {path(PathKind::Contour, Direction::Clockwise,
+             {path(PathKind::contour, Direction::clockwise,
                    {{10, 10}, {90, 10}, {90, 50}, {10, 50}, {10, 10}}),
-              path(PathKind::Contour, Direction::Unknown,
+              path(PathKind::contour, Direction::unknown,
                    {{20, 20}, {30, 20}, B, {30, 30}, {20, 30}, {20, 20}})}};
     // Layer 2: a small triangle and a support; fractional coordinates.
     Layer l2{0.15,
-             {path(PathKind::Contour, Direction::CounterClockwise,
+             {path(PathKind::contour, Direction::counter_clockwise,
                    {{0.1f, 0.2f}, {33.3f, 0.2f}, {16.7f, 28.9f}, {0.1f, 0.2f}}),
-              path(PathKind::Support, Direction::Unknown, {{-5.5f, -2.25f}, {100.125f, 60}})}};
+              path(PathKind::support, Direction::unknown, {{-5.5f, -2.25f}, {100.125f, 60}})}};
     Layer l3{0.2, {}};
     doc.layers = {l0, l1, l2, l3};
     return doc;

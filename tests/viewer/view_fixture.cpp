@@ -72,7 +72,7 @@ void write_json(const Document &doc, std::ostream &out) {
 // Per layer: ten round contours of 400 points and hatches taking the rest of
 // the layer's share of points, on a 200 mm square plate.
 Document big_document(double megabytes, unsigned layers) {
-    const double kPi = 3.14159265358979;
+    const double pi = 3.14159265358979;
     auto points = static_cast<std::uint64_t>(megabytes * 1e6 / 8);
     std::uint64_t per_layer = points / layers;
     Document doc;
@@ -84,17 +84,17 @@ Document big_document(double megabytes, unsigned layers) {
         layer.z = 0.05 * (i + 1);
         std::uint64_t left = per_layer;
         for (int c = 0; c < 10 && left >= 400; c++, left -= 400) {
-            Path p{PathKind::Contour, Direction::CounterClockwise, {}};
+            Path p{PathKind::contour, Direction::counter_clockwise, {}};
             double cx = 20 + 40 * (c % 5), cy = 60 + 80 * (c / 5), r = 15 + 3 * std::sin(i * 0.01);
             for (int k = 0; k < 400; k++) {
-                double a = 2 * kPi * (k % 399) / 399;
+                double a = 2 * pi * (k % 399) / 399;
                 p.points.push_back({float(cx + r * std::cos(a)), float(cy + r * std::sin(a))});
             }
             layer.paths.push_back(std::move(p));
         }
         // Hatches of 1.8 mm in rows of a hundred across the plate, as a
         // dense fill of many small parts would give.
-        Path h{PathKind::Hatches, Direction::Unknown, {}};
+        Path h{PathKind::hatches, Direction::unknown, {}};
         std::uint64_t hatches = left / 2, rows = (hatches + 99) / 100;
         for (std::uint64_t k = 0; k < hatches; k++) {
             float x = float(2 * (k % 100) + 0.1 * (i % 2)), y = float(200.0 * (k / 100) / rows);
