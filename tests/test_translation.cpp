@@ -189,15 +189,18 @@ TEST(ModelOps, ScaleRoundsToFloatKeepsGapMarksAndFindsTheFirstBadLayer) {
 
 // Scaling runs on vector instructions for contours without gap marks: the
 // same stored values, bounds (down to the sign of a zero bound, the first
-// met) and range check as the plain loop over the points.
+// met) and range check as the plain loop over the points; so does a factor
+// so close to 1 that the points are only checked (0.01 as a float, to 0.01),
+// and one just too far from 1 for that.
 TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
     std::srand(7);
-    const float values[] = {0.0f, -0.0f, 1.5f, -2.25f, 3e38f, -3e38f, 1e-45f, -1e-45f, 7e-39f};
+    const float values[] = {0.0f,   -0.0f,   1.5f,   -2.25f,    3e38f,        -3e38f,
+                            1e-45f, -1e-45f, 7e-39f, HUGE_VALF, std::nanf("")};
     int round = 0;
     // Every other round only zeros and positive values: zero bounds.
     auto any = [&] {
         if (round % 2) return values[std::rand() % 3];
-        return std::rand() % 3 ? values[std::rand() % 9]
+        return std::rand() % 3 ? values[std::rand() % (round % 8 ? 9 : 11)]
                                : static_cast<float>(std::rand() - RAND_MAX / 2) / 64.0f;
     };
     for (; round < 400; round++) {
@@ -210,7 +213,9 @@ TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
             if (std::rand() % 5 == 0) c.points.push_back({G, G});
             layer.contours.push_back(c);
         }
-        const double factor = round % 3 == 0 ? 1.0 : round % 3 == 1 ? 100.0 : 1e-40;
+        const double factors[] = {1.0, 100.0, 1e-40, static_cast<double>(0.01f) / 0.01,
+                                  1.0 + 0x1p-24};
+        const double factor = factors[round % 5];
         Layer plain = layer;
         Bounds want = empty_bounds(), got = empty_bounds();
         bool finite = true;
