@@ -136,8 +136,9 @@ bool keeps_floats(double factor) {
 // taken into the bounds as the loop over the points in `scale` does, two
 // points at a time on SSE2. False when a value did not come out finite.
 // Without Multiply (a factor that keeps every float) the points are only
-// checked and taken into the bounds; the caller multiplies them after all
-// when one is not finite.
+// checked and taken into the bounds, and false means that a value is not
+// finite or a point is a gap mark: the bounds are left as they were for the
+// caller's other ways.
 template <bool Multiply>
 bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     float lo[4] = {HUGE_VALF, HUGE_VALF, HUGE_VALF, HUGE_VALF};
@@ -149,6 +150,8 @@ bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     const __m128 largest = _mm_set1_ps(FLT_MAX), sign_ps = _mm_set1_ps(-0.0f);
     __m128d in_range = _mm_castsi128_pd(_mm_set1_epi32(-1));
     __m128 in_range_ps = _mm_castsi128_ps(_mm_set1_epi32(-1));
+    const __m128 gap = _mm_set1_ps(gap_coordinate);
+    __m128 gaps = _mm_setzero_ps();
     __m128 vlo = _mm_loadu_ps(lo), vhi = _mm_loadu_ps(hi);
     for (; i + 2 <= n; i += 2) {
         float *q = &p[i].x;
@@ -166,11 +169,15 @@ bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
             _mm_storeu_ps(q, r);
         } else {
             in_range_ps = _mm_and_ps(in_range_ps, _mm_cmple_ps(_mm_andnot_ps(sign_ps, v), largest));
+            // A gap mark: x and y of a point both at the gap coordinate.
+            const __m128 at_gap = _mm_cmpeq_ps(v, gap);
+            gaps = _mm_or_ps(gaps, _mm_and_ps(at_gap, _mm_shuffle_ps(at_gap, at_gap, 0xB1)));
         }
         vlo = _mm_min_ps(r, vlo);
         vhi = _mm_max_ps(r, vhi);
     }
-    finite = Multiply ? _mm_movemask_pd(in_range) == 3 : _mm_movemask_ps(in_range_ps) == 15;
+    finite = Multiply ? _mm_movemask_pd(in_range) == 3
+                      : _mm_movemask_ps(in_range_ps) == 15 && _mm_movemask_ps(gaps) == 0;
     _mm_storeu_ps(lo, vlo);
     _mm_storeu_ps(hi, vhi);
 #endif
@@ -179,7 +186,8 @@ bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
             p[i].x = to_float(p[i].x * factor, finite);
             p[i].y = to_float(p[i].y * factor, finite);
         } else {
-            finite &= std::fabs(p[i].x) <= FLT_MAX && std::fabs(p[i].y) <= FLT_MAX;
+            finite &=
+                std::fabs(p[i].x) <= FLT_MAX && std::fabs(p[i].y) <= FLT_MAX && !is_gap_mark(p[i]);
         }
         lo[0] = std::min(lo[0], p[i].x);
         hi[0] = std::max(hi[0], p[i].x);
@@ -217,11 +225,11 @@ bool scale(Layer &layer, double factor, Bounds &b) {
     for (Contour &c : layer.contours) {
         Point *p = c.points.data();
         const std::size_t n = c.points.size();
+        if (same && scale_plain<false>(p, n, factor, b)) continue;
+        // A point that is not finite is stored as 0: the multiplying loops
+        // do that.
         if (!holds_gap_mark(p, n)) {
-            // A point that is not finite is stored as 0: the multiplying
-            // loop does that.
-            if (!same || !scale_plain<false>(p, n, factor, b))
-                finite &= scale_plain<true>(p, n, factor, b);
+            finite &= scale_plain<true>(p, n, factor, b);
             continue;
         }
         for (std::size_t i = 0; i < n; i++) {
