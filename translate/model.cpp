@@ -135,10 +135,13 @@ bool keeps_floats(double factor) {
 // The points of a contour that holds no gap mark: multiplied, stored and
 // taken into the bounds as the loop over the points in `scale` does, two
 // points at a time on SSE2. False when a value did not come out finite.
-// Without Multiply (a factor that keeps every float) the points are only
-// checked and taken into the bounds, and false means that a value is not
-// finite or a point is a gap mark: the bounds are left as they were for the
-// caller's other ways.
+// Without Multiply the points are only checked, and their bounds are
+// scaled instead: multiplying and rounding keep the order of values, so the
+// scaled extremes are the extremes of the scaled points. False then means
+// that this way cannot tell (a value not finite or out of range after
+// scaling, a gap mark before or maybe after it, or a zero bound that
+// scaling made, whose sign depends on which point came first): the bounds
+// are left as they were for the caller's other ways.
 template <bool Multiply>
 bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     float lo[4] = {HUGE_VALF, HUGE_VALF, HUGE_VALF, HUGE_VALF};
@@ -197,6 +200,13 @@ bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     if (n == 0 || (!Multiply && !finite)) return finite;
     float bound[4] = {std::min(lo[0], lo[2]), std::max(hi[0], hi[2]), std::min(lo[1], lo[3]),
                       std::max(hi[1], hi[3])};
+    if (!Multiply && !keeps_floats(factor)) {
+        for (float &v : bound) {
+            v = to_float(v * factor, finite);
+            if (v == 0.0f || v == gap_coordinate) return false;
+        }
+        if (!finite) return false;
+    }
     // Of +0 and -0 the scan in order keeps the first it meets.
     for (int k = 0; k < 4; k++) {
         if (bound[k] == 0.0f) bound[k] = first_zero(p, n, k >= 2);
@@ -217,9 +227,9 @@ bool holds_gap_mark(const Point *p, std::size_t n) {
 
 } // namespace
 
-bool scale(Layer &layer, double factor, Bounds &b) {
+bool scale(Layer &layer, double factor, Bounds &b, bool points) {
     bool finite = true;
-    const bool same = keeps_floats(factor);
+    const bool same = !points || keeps_floats(factor);
     layer.z = to_float(layer.z * factor, finite);
     take_z(b, layer.z);
     for (Contour &c : layer.contours) {
