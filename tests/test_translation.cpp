@@ -244,7 +244,8 @@ TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
         EXPECT_EQ(std::memcmp(&got_unkept, &want, sizeof got), 0) << round;
         for (std::size_t k = 0; k < layer.contours.size(); k++) {
             const auto &a = layer.contours[k].points, &b = plain.contours[k].points;
-            EXPECT_EQ(std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)), 0) << round;
+            EXPECT_TRUE(a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)) == 0)
+                << round;
         }
     }
 }
