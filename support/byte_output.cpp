@@ -1,12 +1,20 @@
 #include "support/byte_output.h"
 
 #include <cerrno>
+#include <chrono>
+#include <fcntl.h>
 #include <new>
+#include <sys/stat.h>
 #include <unistd.h>
 
 namespace laytran {
 
 namespace {
+// Bytes of a regular file handed to the disk at a time.
+constexpr std::uint64_t disk_step = std::uint64_t(8) << 20;
+// Longer than starting the writing of a step takes on a disk that keeps up.
+constexpr std::chrono::milliseconds disk_wait(20);
+
 std::uint8_t *make_block(std::unique_ptr<std::uint8_t[]> &block, std::size_t size) {
     block.reset(new std::uint8_t[size]);
     return block.get();
@@ -16,11 +24,38 @@ std::uint8_t *make_block(std::unique_ptr<std::uint8_t[]> &block, std::size_t siz
 ByteOutput::ByteOutput(int fd, std::size_t block) : fd_(fd), block_size_(block) {
     pos_ = make_block(block_, block_size_);
     end_ = pos_ + block_size_;
+    watch_disk(fd, lseek(fd, 0, SEEK_CUR));
 }
 
 ByteOutput::ByteOutput(std::FILE *stream, std::size_t block) : stream_(stream), block_size_(block) {
     pos_ = make_block(block_, block_size_);
     end_ = pos_ + block_size_;
+    const int fd = fileno(stream);
+    if (fd >= 0) watch_disk(fd, ftello(stream));
+}
+
+void ByteOutput::watch_disk(int fd, off_t at) {
+    struct stat st;
+    regular_ = at >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+    disk_fd_ = fd;
+    sent_at_ = flushing_at_ = regular_ ? static_cast<std::uint64_t>(at) : 0;
+}
+
+void ByteOutput::sent(std::size_t n) {
+    sent_at_ += n;
+#ifdef SYNC_FILE_RANGE_WRITE
+    // The system starts writing what it holds of the file, without waiting
+    // for it; only a hint, whatever it answers. A disk that cannot take the
+    // bytes as fast as they come makes the call wait: the system is then
+    // left to write them in its own time.
+    if (regular_ && sent_at_ - flushing_at_ >= disk_step) {
+        const auto start = std::chrono::steady_clock::now();
+        sync_file_range(disk_fd_, static_cast<off_t>(flushing_at_),
+                        static_cast<off_t>(sent_at_ - flushing_at_), SYNC_FILE_RANGE_WRITE);
+        flushing_at_ = sent_at_;
+        if (std::chrono::steady_clock::now() - start > disk_wait) regular_ = false;
+    }
+#endif
 }
 
 ByteOutput::ByteOutput(std::string *memory, std::size_t block)
@@ -41,6 +76,7 @@ int ByteOutput::send(const std::uint8_t *data, std::size_t n) {
     }
     if (stream_) {
         if (n > 0 && std::fwrite(data, 1, n, stream_) != n) return errno ? errno : EIO;
+        sent(n);
         return 0;
     }
     while (n > 0) {
@@ -52,6 +88,7 @@ int ByteOutput::send(const std::uint8_t *data, std::size_t n) {
         if (done == 0) return ENOSPC; // nothing taken and no reason given: treat as full
         data += done;
         n -= static_cast<std::size_t>(done);
+        sent(static_cast<std::size_t>(done));
     }
     return 0;
 }

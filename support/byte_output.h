@@ -10,7 +10,9 @@
 // A full block bound for a descriptor or a stream is written by a helper
 // thread while the next one fills, so the system's copying overlaps the
 // formatting. A failed write is therefore known from the next full block,
-// settle() or finish() on; the bytes go out in order either way.
+// settle() or finish() on; the bytes go out in order either way. The bytes
+// of a regular file are sent on to the disk every few megabytes, so that a
+// sync at the end (the output file's before its rename) finds little left.
 #pragma once
 
 #include <cstddef>
@@ -19,6 +21,7 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <sys/types.h>
 
 #include "support/helper_thread.h"
 
@@ -88,6 +91,10 @@ class ByteOutput {
     // Sends n bytes to the destination: 0, or the errno of the failure.
     int send(const std::uint8_t *data, std::size_t n);
     void take_failure(int error);
+    // Notes where a regular file's bytes go; counts n bytes sent (which
+    // starts the disk writing every few megabytes).
+    void watch_disk(int fd, off_t at);
+    void sent(std::size_t n);
 
     int fd_ = -1;
     std::FILE *stream_ = nullptr;
@@ -100,6 +107,11 @@ class ByteOutput {
     std::uint8_t *pos_ = nullptr;
     std::uint8_t *end_ = nullptr;
     std::uint64_t base_ = 0; // bytes sent before the current block
+    // A regular file: where the bytes sent go in it, and how far the system
+    // was told to start writing them to the disk.
+    bool regular_ = false;
+    int disk_fd_ = -1;
+    std::uint64_t sent_at_ = 0, flushing_at_ = 0;
     bool failed_ = false;
     int error_number_ = 0;
 };

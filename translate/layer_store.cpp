@@ -5,6 +5,8 @@
 #include <new>
 #include <sys/mman.h>
 
+#include "formats/point_bytes.h"
+
 namespace laytran {
 
 namespace {
@@ -146,8 +148,7 @@ void LayerStore::get(std::size_t i, Layer &layer) const {
         c.direction = ch.direction;
         c.gaps = ch.gaps;
         const std::size_t n = static_cast<std::size_t>(ch.points);
-        c.points.resize(n);
-        if (n > 0) std::memcpy(c.points.data(), p, n * sizeof(Point));
+        c.points.assign(PointBytes(p), PointBytes(p + n * sizeof(Point)));
         p += n * sizeof(Point);
     }
 }

@@ -28,7 +28,9 @@ void add_counts(Counts &counts, const Layer &layer);
 
 // Multiplies the height and every coordinate by `factor`, widening `bounds`
 // by the stored results. False when a value did not come out finite.
-bool scale(Layer &layer, double factor, Bounds &bounds);
+// Without `points` the bounds and the result are the same, but the points
+// may be left unscaled (those of a layer that is not kept).
+bool scale(Layer &layer, double factor, Bounds &bounds, bool points = true);
 // The same on every layer, with `bounds` started afresh. The index of the
 // first layer where a value did not come out finite, or the layer count.
 std::size_t scale(Model &model, double factor, Bounds &bounds);

@@ -73,6 +73,18 @@ std::uint64_t estimated_model(std::uint64_t size) {
     return size > UINT64_MAX / 2 ? UINT64_MAX : 2 * size;
 }
 
+// A binary input file from this size on is read twice rather than kept:
+// its layers come again from the system's cache for little more than a
+// copy, while keeping them takes as much fresh memory, which the system
+// must find, clear and map page by page.
+constexpr std::uint64_t reread_binary_size = std::uint64_t(32) << 20;
+
+// Whether the input read so far is binary (its points cheap to read again).
+bool binary_input(const ModelHeader &h) {
+    return h.format == InputFormat::slc ||
+           (h.format == InputFormat::cli && h.variant.compare(0, 6, "binary") == 0);
+}
+
 } // namespace
 
 // InputBytes
@@ -127,6 +139,7 @@ struct Translation::Survey {
     double unit = 1.0, factor = 1.0;
     std::size_t bad_layer = SIZE_MAX; // the first layer that left the float range
     bool kept = false;                // every layer is in the store
+    bool reread_binary = false;       // a large binary input is read twice
     bool moving = false;
     double dx = 0, dy = 0, dz = 0;
 };
@@ -272,8 +285,12 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
                 // The unit is known with the first layer.
                 s.unit = output_unit(source.header().unit_mm);
                 s.factor = source.header().unit_mm / s.unit;
+                if (s.kept && s.reread_binary && binary_input(source.header())) {
+                    s.kept = false;
+                    readings_ = 2;
+                }
             }
-            if (!scale(layer, s.factor, s.bounds) && s.bad_layer == SIZE_MAX)
+            if (!scale(layer, s.factor, s.bounds, s.kept) && s.bad_layer == SIZE_MAX)
                 s.bad_layer = s.counts.layers;
             add_counts(s.counts, layer);
             s.levels.push_back(layer.z);
@@ -479,6 +496,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     const bool keep = !again || !in->size_known() || estimated_model(in->size()) <= budget;
     LayerStore store;
     Survey s;
+    s.reread_binary = again && in->size_known() && in->size() >= reread_binary_size;
     readings_ = keep ? 1 : 2;
     bool loaded =
         survey(*source, *in, out, keep ? &store : nullptr, again ? budget : UINT64_MAX, s);

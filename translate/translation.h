@@ -23,7 +23,9 @@
 // input that can be read again (a regular file) whose model would not fit
 // (an estimate from its size decides up front, the store's real size on
 // the way) is read a second time instead, and each layer goes from the
-// source to the sink alone, so that the run holds one layer at a time. Both
+// source to the sink alone, so that the run holds one layer at a time. So
+// is a large binary input file (CLI or SLC), whose second reading costs
+// less than the fresh memory that keeping its layers would take. Both
 // ways send the same bytes and the same messages in the same order: the
 // messages of the input come from the first reading, and the second must
 // give the same layers again (a changed input fails the run). Standard

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <new>
 
+#include "formats/point_bytes.h"
 #include "support/number_text.h"
 
 namespace laytran {
@@ -825,11 +826,11 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
     n = std::min(n, run_points);
     const std::uint8_t *p = in_.contiguous(n * size);
     if (!p) return 0;
-    const std::size_t at = e.points.size();
-    e.points.resize(at + n);
-    Point *to = e.points.data() + at;
     std::size_t done = 0;
     if (short_) {
+        const std::size_t at = e.points.size();
+        e.points.resize(at + n);
+        Point *to = e.points.data() + at;
         const bool sx = signed_axes_ & 1, sy = signed_axes_ & 2;
         for (; done < n; done++, p += 4) {
             const std::uint32_t x = p[0] | static_cast<std::uint32_t>(p[1]) << 8;
@@ -853,16 +854,17 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
             done = n;
         }
         if (little_endian) {
-            std::memcpy(to, p, done * sizeof(Point));
+            e.points.insert(e.points.end(), PointBytes(p), PointBytes(p + done * size));
         } else {
             for (std::size_t k = 0; k < done; k++) {
                 const std::uint32_t x = load_u32(p + 8 * k), y = load_u32(p + 8 * k + 4);
-                std::memcpy(&to[k].x, &x, 4);
-                std::memcpy(&to[k].y, &y, 4);
+                Point q;
+                std::memcpy(&q.x, &x, 4);
+                std::memcpy(&q.y, &y, 4);
+                e.points.push_back(q);
             }
         }
     }
-    e.points.resize(at + done);
     in_.skip(done * size);
     return done;
 }

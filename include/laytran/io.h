@@ -78,7 +78,8 @@ struct TranslateOptions {
     int verbosity = 3;
     // A model larger than this many bytes is translated in two passes,
     // holding one layer at a time (regular input files only; the input is
-    // read twice, the output and the messages are the same). 0 picks the
+    // read twice, the output and the messages are the same; a binary input
+    // file of 32 MiB or more is read so in any case). 0 picks the
     // default: LAYTRAN_MEMORY when set (bytes, or with K, M or G: "256M"),
     // else half the physical memory.
     std::uint64_t memory_budget = 0;
