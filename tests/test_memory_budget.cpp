@@ -147,7 +147,7 @@ TEST(MemoryBudget, TwoReadingsGiveTheBytesAndMessagesOfOne) {
     std::remove(d.file("out.dat").c_str());
     RunResult bad = run_laytran(args, d.path(), "", "laytran", {"LAYTRAN_MEMORY=lots"});
     EXPECT_EQ(bad.err,
-              "laytran(WARNING): LAYTRAN_MEMORY is not a size in bytes (K, M or G may follow "
+              "laytran(WARNING): LAYTRAN_MEMORY is not a size in bytes (K, M, G or T may follow "
               "the number): lots; half the physical memory is used\n" +
                   one.err);
     EXPECT_EQ(read_file(d.file("out.dat")), bytes);

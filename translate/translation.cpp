@@ -201,7 +201,7 @@ std::uint64_t Translation::memory_budget() {
     const char *text = std::getenv("LAYTRAN_MEMORY");
     if (text && *text) {
         if (std::optional<std::uint64_t> v = parse_memory_size(text)) return *v;
-        reporter_.warning(std::string("LAYTRAN_MEMORY is not a size in bytes (K, M or G may "
+        reporter_.warning(std::string("LAYTRAN_MEMORY is not a size in bytes (K, M, G or T may "
                                       "follow the number): ") +
                           text + "; half the physical memory is used");
     }

@@ -80,7 +80,7 @@ struct TranslateOptions {
     // holding one layer at a time (regular input files only; the input is
     // read twice, the output and the messages are the same; a binary input
     // file of 32 MiB or more is read so in any case). 0 picks the
-    // default: LAYTRAN_MEMORY when set (bytes, or with K, M or G: "256M"),
+    // default: LAYTRAN_MEMORY when set (bytes, or with K, M, G or T: "256M"),
     // else half the physical memory.
     std::uint64_t memory_budget = 0;
     ProgressFn progress;
