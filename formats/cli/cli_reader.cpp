@@ -879,9 +879,9 @@ std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
     // Each value is decided within the same window as number_token's.
     const std::uint8_t *const stop = start + ascii_run_bytes - number_window;
     n = std::min(n, ascii_run_bytes / 4);
-    const std::size_t at = e.points.size();
-    e.points.resize(at + n);
-    Point *to = e.points.data() + at;
+    // The points go to the element once read: the densest text ("1,1,")
+    // would need n of them, the usual one holds a quarter of that.
+    Point to[ascii_run_bytes / 4];
     const std::uint8_t *p = start;
     std::size_t done = 0;
     while (done < n) {
@@ -919,7 +919,7 @@ std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
         to[done++] = {xy[0], xy[1]};
         p = q;
     }
-    e.points.resize(at + done);
+    e.points.insert(e.points.end(), to, to + done);
     in_.skip(static_cast<std::size_t>(p - start));
     return done;
 }
