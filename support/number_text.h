@@ -91,31 +91,25 @@ inline size_t scan_exact_decimal(const char *first, const char *last, double *ou
     return static_cast<size_t>(p - first);
 }
 
-// The decimal digits that begin the eight bytes at p: their count (0 to 8)
-// and their value, eight at a time in one 64-bit word.
-inline unsigned scan_digit_run(const unsigned char *p, unsigned long long *value) {
+// The digits that begin the eight bytes at p, less '0' each, and their count
+// (0 to 8); the bytes behind them are left as they are.
+inline unsigned digit_bytes(const unsigned char *p, unsigned long long *t) {
     unsigned long long chunk;
     memcpy(&chunk, p, 8);
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
     chunk = __builtin_bswap64(chunk);
 #endif
-    // Each byte less '0': a digit leaves 0 to 9, any other byte sets its top
-    // bit here or after adding 0x76 (what carries past the first non-digit
-    // does not matter).
-    const unsigned long long t = chunk - 0x3030303030303030ull;
-    const unsigned long long other = (t | (t + 0x7676767676767676ull)) & 0x8080808080808080ull;
-    const unsigned n = other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
-    if (n == 0) {
-        *value = 0;
-        return 0;
-    }
-    // The digits moved to the top bytes (the first digit the lowest of
-    // them), zeros below, then pairs, fours and eights summed.
-    unsigned long long d = t << (8 * (8 - n));
+    *t = chunk - 0x3030303030303030ull;
+    const unsigned long long other = (*t | (*t + 0x7676767676767676ull)) & 0x8080808080808080ull;
+    return other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
+}
+
+// The value of up to eight digits (less '0') in the top bytes of d, the
+// first digit the lowest of them, zeros below: pairs, fours and eights summed.
+inline unsigned long long top_digits_value(unsigned long long d) {
     d = (d * 10 + (d >> 8)) & 0x00FF00FF00FF00FFull;
     d = (d * 100 + (d >> 16)) & 0x0000FFFF0000FFFFull;
-    *value = (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
-    return n;
+    return (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
 }
 
 // A number written plainly, "-ddd.ddd" with at most 7 digits on each side
@@ -123,24 +117,28 @@ inline unsigned scan_digit_run(const unsigned char *p, unsigned long long *value
 // at least 17 readable bytes) as strtod reads it: its length, or 0 for any
 // other text. The caller checks that the number ends there (a letter or a
 // digit behind it makes another text). At most 14 digits: the significand
-// is exact, and so is the one division.
+// is exact, and so is the one division. Up to 8 digits in all, the whole
+// and the decimal digits are put side by side and summed in one word.
 inline size_t scan_plain_decimal(const unsigned char *p, double *out) {
-    static constexpr unsigned powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+    static constexpr double powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
     const unsigned char *q = p + (*p == '-');
-    unsigned long long whole = 0, fraction = 0;
-    const unsigned n = scan_digit_run(q, &whole);
-    q += n;
+    unsigned long long whole_bytes = 0, decimal_bytes = 0;
+    const unsigned n = digit_bytes(q, &whole_bytes);
     unsigned decimals = 0;
-    if (*q == '.') {
-        decimals = scan_digit_run(q + 1, &fraction);
-        q += 1 + decimals;
-    }
+    if (q[n] == '.') decimals = digit_bytes(q + n + 1, &decimal_bytes);
     if (n + decimals == 0 || n == 8 || decimals == 8) return 0;
-    const double v =
-        static_cast<double>(static_cast<long long>(whole * powers[decimals] + fraction)) /
-        static_cast<double>(powers[decimals]);
+    // Each side moved to the top, the whole digits then below the decimals.
+    const unsigned long long whole_top = n ? whole_bytes << (64 - 8 * n) : 0;
+    const unsigned long long decimal_top = decimals ? decimal_bytes << (64 - 8 * decimals) : 0;
+    unsigned long long m;
+    if (n + decimals <= 8)
+        m = top_digits_value(whole_top >> (8 * decimals) | decimal_top);
+    else
+        m = top_digits_value(whole_top) * static_cast<unsigned long long>(powers[decimals]) +
+            top_digits_value(decimal_top);
+    const double v = static_cast<double>(static_cast<long long>(m)) / powers[decimals];
     *out = *p == '-' ? -v : v;
-    return static_cast<size_t>(q - p);
+    return static_cast<size_t>(q - p) + n + (q[n] == '.') + decimals;
 }
 
 // The same for strtol(text, &end, 10), including its clamping of values out
