@@ -874,10 +874,16 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
 // for the value-by-value path to read. The number of points taken.
 std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
     if (error_ != CliError::none) return 0;
-    const std::uint8_t *const start = in_.contiguous(ascii_run_bytes);
-    if (!start) return 0;
+    // Near the end of the input, the bytes left.
+    std::size_t bytes = ascii_run_bytes;
+    const std::uint8_t *start = in_.contiguous(bytes);
+    if (!start) {
+        bytes = in_.available();
+        if (bytes <= number_window) return 0;
+        start = in_.contiguous(bytes);
+    }
     // Each value is decided within the same window as number_token's.
-    const std::uint8_t *const stop = start + ascii_run_bytes - number_window;
+    const std::uint8_t *const stop = start + bytes - number_window;
     n = std::min(n, ascii_run_bytes / 4);
     // The points go to the element once read: the densest text ("1,1,")
     // would need n of them, the usual one holds a quarter of that.
