@@ -1163,12 +1163,14 @@ bool CliReader::launch_ahead() {
         retry_at_ = at + std::max<std::size_t>(size, 1);
         return false;
     }
-    // A window of a few pieces' worth (memory gives the whole input at hand).
+    // A window of at most four times that (memory gives the whole input at
+    // hand), in pieces of a sixteenth of it: small enough for the two
+    // threads to end close together.
     if (size / 4 > parallel_min_) size = 4 * parallel_min_;
     const std::uint8_t *data = in_.contiguous(size);
     // The text up to the last command that begins in the window.
     const std::size_t end = last_cut(data, size);
-    const std::size_t piece_bytes = std::max<std::size_t>(parallel_min_ / 4, 1);
+    const std::size_t piece_bytes = std::max<std::size_t>(parallel_min_ / 16, 1);
     if (end < 2 * piece_bytes) {
         retry_at_ = at + (end > 0 ? end : size);
         return false;
