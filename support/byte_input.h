@@ -58,6 +58,11 @@ class ByteInput {
         return contiguous_slow(n);
     }
     void skip(std::size_t n) { pos_ += n; }
+    // The bytes contiguous() can give without reading (0 while pushed-back
+    // bytes wait).
+    std::size_t available() const {
+        return pushback_count_ > 0 ? 0 : static_cast<std::size_t>(end_ - pos_);
+    }
 
     // Bytes handed out so far, less the bytes held in the pushback.
     std::uint64_t offset() const {

@@ -165,7 +165,7 @@ size_t mark_real(char *text, size_t len) {
     return len + 1;
 }
 
-size_t format_marked_real(float v, char *out) {
+size_t format_marked_real_other(float v, char *out) {
     bool point;
     size_t n = float_text(v, out, &point);
     if (n == 0) return mark_real(out, format_g(static_cast<double>(v), out));

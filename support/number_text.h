@@ -10,6 +10,9 @@
 
 #include <cstddef>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 // Room a formatter below may need, including the byte mark_real adds.
 constexpr size_t NUMBER_TEXT_MAX = 32;
@@ -25,7 +28,9 @@ size_t format_g_float(float v, char *out);
 // one byte; the result is the new length.
 size_t mark_real(char *text, size_t len);
 // format_g_float followed by mark_real: an ASCII CLI real.
-size_t format_marked_real(float v, char *out);
+inline size_t format_marked_real(float v, char *out);
+// format_marked_real for the values outside the inline path below.
+size_t format_marked_real_other(float v, char *out);
 
 // The number strtod(text, &end) reads at the start of [first, last), as if
 // the range were followed by a null: stores the value and returns end -
@@ -86,31 +91,25 @@ inline size_t scan_exact_decimal(const char *first, const char *last, double *ou
     return static_cast<size_t>(p - first);
 }
 
-// The decimal digits that begin the eight bytes at p: their count (0 to 8)
-// and their value, eight at a time in one 64-bit word.
-inline unsigned scan_digit_run(const unsigned char *p, unsigned long long *value) {
+// The digits that begin the eight bytes at p, less '0' each, and their count
+// (0 to 8); the bytes behind them are left as they are.
+inline unsigned digit_bytes(const unsigned char *p, unsigned long long *t) {
     unsigned long long chunk;
     memcpy(&chunk, p, 8);
 #if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
     chunk = __builtin_bswap64(chunk);
 #endif
-    // Each byte less '0': a digit leaves 0 to 9, any other byte sets its top
-    // bit here or after adding 0x76 (what carries past the first non-digit
-    // does not matter).
-    const unsigned long long t = chunk - 0x3030303030303030ull;
-    const unsigned long long other = (t | (t + 0x7676767676767676ull)) & 0x8080808080808080ull;
-    const unsigned n = other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
-    if (n == 0) {
-        *value = 0;
-        return 0;
-    }
-    // The digits moved to the top bytes (the first digit the lowest of
-    // them), zeros below, then pairs, fours and eights summed.
-    unsigned long long d = t << (8 * (8 - n));
+    *t = chunk - 0x3030303030303030ull;
+    const unsigned long long other = (*t | (*t + 0x7676767676767676ull)) & 0x8080808080808080ull;
+    return other ? static_cast<unsigned>(__builtin_ctzll(other)) / 8 : 8;
+}
+
+// The value of up to eight digits (less '0') in the top bytes of d, the
+// first digit the lowest of them, zeros below: pairs, fours and eights summed.
+inline unsigned long long top_digits_value(unsigned long long d) {
     d = (d * 10 + (d >> 8)) & 0x00FF00FF00FF00FFull;
     d = (d * 100 + (d >> 16)) & 0x0000FFFF0000FFFFull;
-    *value = (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
-    return n;
+    return (d * 10000 + (d >> 32)) & 0xFFFFFFFFull;
 }
 
 // A number written plainly, "-ddd.ddd" with at most 7 digits on each side
@@ -118,26 +117,97 @@ inline unsigned scan_digit_run(const unsigned char *p, unsigned long long *value
 // at least 17 readable bytes) as strtod reads it: its length, or 0 for any
 // other text. The caller checks that the number ends there (a letter or a
 // digit behind it makes another text). At most 14 digits: the significand
-// is exact, and so is the one division.
+// is exact, and so is the one division. Up to 8 digits in all, the whole
+// and the decimal digits are put side by side and summed in one word.
 inline size_t scan_plain_decimal(const unsigned char *p, double *out) {
-    static constexpr unsigned powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
+    static constexpr double powers[] = {1, 10, 100, 1000, 10000, 100000, 1000000, 10000000};
     const unsigned char *q = p + (*p == '-');
-    unsigned long long whole = 0, fraction = 0;
-    const unsigned n = scan_digit_run(q, &whole);
-    q += n;
+    unsigned long long whole_bytes = 0, decimal_bytes = 0;
+    const unsigned n = digit_bytes(q, &whole_bytes);
     unsigned decimals = 0;
-    if (*q == '.') {
-        decimals = scan_digit_run(q + 1, &fraction);
-        q += 1 + decimals;
-    }
+    if (q[n] == '.') decimals = digit_bytes(q + n + 1, &decimal_bytes);
     if (n + decimals == 0 || n == 8 || decimals == 8) return 0;
-    const double v =
-        static_cast<double>(static_cast<long long>(whole * powers[decimals] + fraction)) /
-        static_cast<double>(powers[decimals]);
+    // Each side moved to the top, the whole digits then below the decimals.
+    const unsigned long long whole_top = n ? whole_bytes << (64 - 8 * n) : 0;
+    const unsigned long long decimal_top = decimals ? decimal_bytes << (64 - 8 * decimals) : 0;
+    unsigned long long m;
+    if (n + decimals <= 8)
+        m = top_digits_value(whole_top >> (8 * decimals) | decimal_top);
+    else
+        m = top_digits_value(whole_top) * static_cast<unsigned long long>(powers[decimals]) +
+            top_digits_value(decimal_top);
+    const double v = static_cast<double>(static_cast<long long>(m)) / powers[decimals];
     *out = *p == '-' ? -v : v;
-    return static_cast<size_t>(q - p);
+    return static_cast<size_t>(q - p) + n + (q[n] == '.') + decimals;
 }
 
 // The same for strtol(text, &end, 10), including its clamping of values out
 // of range to LONG_MIN and LONG_MAX.
 size_t scan_long(const char *first, const char *last, long *out);
+
+// The six decimal digits of d (below 10^6) as the bytes of a little-endian
+// word, the first digit lowest, the two top bytes zero: the three pairs of
+// digits split into 16-bit lanes, then tens and ones per lane (x * 103 >>
+// 10 is x / 10 for x below 100).
+inline unsigned long long six_digit_word(unsigned d) {
+    const unsigned long long pairs = (d / 10000) |
+                                     static_cast<unsigned long long>(d / 100 % 100) << 16 |
+                                     static_cast<unsigned long long>(d % 100) << 32;
+    const unsigned long long tens = ((pairs * 103) >> 10) & 0x000F000F000F000Full;
+    const unsigned long long ones = pairs - tens * 10;
+    return (tens | ones << 8) + 0x0000303030303030ull;
+}
+
+// Stores the eight bytes of a little-endian word.
+inline void store_word(char *p, unsigned long long w) {
+#if __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__
+    w = __builtin_bswap64(w);
+#endif
+    memcpy(p, &w, 8);
+}
+
+// Magnitudes from 1e-4 to below 999999.5 take six significant digits from
+// integer arithmetic: the float times 10^k (k from 0 to 9) is exact in a
+// double (24 + 21 bits), so rounding that to an integer (ties to even, as
+// printf does) gives the digits "%g" prints. Their trailing zeros go, and
+// the point stands behind the whole digits (which may end in zeros) or
+// after "0." and the zeros of a fraction. The texts are assembled with
+// whole-word stores past their end, within NUMBER_TEXT_MAX.
+inline size_t format_marked_real(float v, char *out) {
+    static constexpr double powers[] = {1e-5, 1e-4, 1e-3, 1e-2, 1e-1, 1e0,
+                                        1e1,  1e2,  1e3,  1e4,  1e5,  1e6};
+    static constexpr double scale[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+    unsigned bits;
+    memcpy(&bits, &v, sizeof bits);
+    const double m = __builtin_fabs(static_cast<double>(v));
+    if (!(m >= 1e-4 && m < 999999.5)) return format_marked_real_other(v, out);
+    // floor(log10(a)) is floor(e2 * log10(2)) or one more.
+    int exponent = ((static_cast<int>((bits >> 23) & 0xFF) - 127) * 1233) >> 12;
+    exponent += m >= powers[exponent + 6];
+#ifdef __SSE2__
+    auto d = static_cast<unsigned>(_mm_cvtsd_si64(_mm_set_sd(m * scale[5 - exponent])));
+#else
+    auto d = static_cast<unsigned>(__builtin_nearbyint(m * scale[5 - exponent]));
+#endif
+    if (d == 1000000) { // rounded up to the next power of ten
+        d = 100000;
+        exponent++;
+    }
+    const unsigned long long word = six_digit_word(d);
+    // Significant digits: up to the highest byte that is not '0'.
+    const int n = (63 - __builtin_clzll(word ^ 0x0000303030303030ull)) / 8 + 1;
+    char *p = out;
+    *p = '-';
+    p += bits >> 31;
+    if (exponent >= 0) {
+        const int whole = exponent + 1;
+        store_word(p, word);
+        p[whole] = '.';
+        store_word(p + whole + 1, word >> (8 * whole));
+        return static_cast<size_t>(p - out) + static_cast<size_t>(whole + 1) +
+               static_cast<size_t>(n > whole ? n - whole : 0);
+    }
+    memcpy(p, "0.000000", 8);
+    store_word(p + 1 - exponent, word);
+    return static_cast<size_t>(p - out) + static_cast<size_t>(1 - exponent + n);
+}

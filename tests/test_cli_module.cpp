@@ -1,5 +1,6 @@
 // The CLI module through its own API: the reader and the writer on bytes in
 // memory, and the engine's source and sink over them.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -362,6 +363,118 @@ TEST(CliModule, FastPathsReadWhatTheByteByBytePathReads) {
             ASSERT_EQ(as_text(fast.layers), as_text(slow.layers)) << round;
             EXPECT_EQ(fast.error, slow.error) << round;
             EXPECT_EQ(fast.clean, slow.clean) << round;
+        }
+    }
+}
+
+// Everything the reader tells, a line an event (its place, its fields, a
+// hash of its points), then how it ended: read on one thread, or on two
+// from parallel_min bytes of geometry at hand, from memory or (block > 0)
+// from a file of known or unknown size.
+std::string reader_story(std::string bytes, size_t parallel_min, size_t block = 0,
+                         bool known_size = true) {
+    FILE *f = nullptr;
+    if (block && known_size) {
+        f = tmpfile();
+        fwrite(bytes.data(), 1, bytes.size(), f);
+        rewind(f);
+    } else if (block) {
+        f = fmemopen(&bytes[0], bytes.size(), "rb");
+    }
+    auto in = f ? std::make_unique<ByteInput>(f, block)
+                : std::make_unique<ByteInput>(bytes.data(), bytes.size());
+    std::ostringstream s;
+    s.precision(9);
+    {
+        CliReader reader(*in);
+        reader.set_parallel_min(parallel_min);
+        CliElement e;
+        for (CliReader::Event ev; (ev = reader.next(e)) != CliReader::Event::end;) {
+            s << reader.command_offset();
+            if (ev == CliReader::Event::layer) {
+                s << " z" << reader.layer_z() << "\n";
+                continue;
+            }
+            uint64_t hash = 14695981039346656037u;
+            for (const Point &p : e.points) {
+                uint64_t xy;
+                memcpy(&xy, &p, 8);
+                hash = (hash ^ xy) * 1099511628211u;
+            }
+            s << " " << static_cast<int>(e.kind) << "/" << e.id << "/" << e.direction << "/"
+              << e.points.size() << "/" << hash << "\n";
+        }
+        s << "error " << static_cast<int>(reader.error()) << " at " << reader.error_offset() << " '"
+          << reader.error_token() << "' clean " << reader.ended_cleanly() << " layers "
+          << reader.layers_read() << " end " << reader.end_seen();
+        for (const CliSkipped &k : reader.skipped())
+            s << " " << k.name << "*" << k.count;
+    }
+    if (f) fclose(f);
+    return s.str();
+}
+
+// The first line in which two stories differ ("" when they do not).
+std::string first_difference(const std::string &a, const std::string &b) {
+    const size_t at = static_cast<size_t>(
+        std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+    if (at == a.size() && at == b.size()) return "";
+    const size_t line = a.rfind('\n', at) + 1;
+    return "line " + std::to_string(std::count(a.begin(), a.begin() + at, '\n') + 1) + ": " +
+           a.substr(line, a.find('\n', line) - line) + " | " +
+           b.substr(line, b.find('\n', line) - line);
+}
+
+// Megabytes of ASCII geometry read on two threads tell what one thread
+// reads, with one thing planted in the second half, at a command that
+// begins next to a multiple of 64 KiB (a block's end) or anywhere: things
+// that stop a piece (read alone from there on) and some that do not.
+TEST(CliModule, ReaderReadsLargeAsciiGeometryOnTwoThreads) {
+    std::mt19937 rng(11);
+    const auto number = [&rng] {
+        static const char *other[] = {" 7", "1e3", "-.5", "+3.", "8 ", "0007.50", "2 // c\n"};
+        if (rng() % 64 == 0) return std::string(other[rng() % 7]);
+        return std::to_string(static_cast<int>(rng() % 200000) - 100000) + "." +
+               std::to_string(rng() % 100);
+    };
+    std::string body;
+    for (int layer = 1; body.size() < (2u << 20);) {
+        if (rng() % 8 == 0) body += "$$LAYER/" + std::to_string(layer++) + "\n";
+        const int n = static_cast<int>(rng() % 300);
+        const bool hatches = rng() % 3 == 0;
+        body += hatches ? "$$HATCHES/2," + std::to_string(n)
+                        : "$$POLYLINE/1," + std::to_string(rng() % 3) + "," + std::to_string(n);
+        for (int v = (hatches ? 4 : 2) * n; v > 0; v--)
+            body += "," + number();
+        body += "\n";
+        if (rng() % 40 == 0) body += rng() % 2 ? "$$POWER/100\n" : "// a comment\n";
+    }
+    const std::string plants[] = {"",
+                                  "$$SPEED/25,3\n",
+                                  "$$ALIGN\n",
+                                  "$$POLYLINE/1,0,3,1,2,3,4\n",
+                                  "$$LAYER/nan\n",
+                                  "$$HATCHES/1,1,1,2,3,1e39\n",
+                                  "/\n",
+                                  "$$FOO/1x\n",
+                                  "$$GEOMETRYEND\n"};
+    int round = 0;
+    for (const std::string &plant : plants) {
+        for (bool at_block : {true, false}) {
+            const size_t half = body.size() / 2;
+            size_t at = at_block ? (half / 65536 + 1 + rng() % (half / 65536)) * 65536 - rng() % 64
+                                 : half + rng() % half;
+            at = body.find("\n$$", at) + 1;
+            std::string text = ascii_head + body.substr(0, at) + plant + body.substr(at);
+            // Now and then with $$GEOMETRYEND, or cut short.
+            if (round % 3 == 0) text += "$$GEOMETRYEND\n";
+            if (round % 5 == 4) text.resize(text.size() - rng() % half);
+            round++;
+            SCOPED_TRACE(plant + " at " + std::to_string(at));
+            const std::string alone = reader_story(text, SIZE_MAX);
+            EXPECT_EQ(first_difference(alone, reader_story(text, 8192)), "");
+            EXPECT_EQ(first_difference(alone, reader_story(text, 8192, 65536)), "");
+            EXPECT_EQ(first_difference(alone, reader_story(text, 4096, 24576, false)), "");
         }
     }
 }

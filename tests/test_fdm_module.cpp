@@ -274,6 +274,10 @@ TEST(FdmModule, NumberTextMatchesPrintf) {
         size_t n = FdmWriter::format_fixed(v, fast);
         snprintf(slow, sizeof slow, "%10f", static_cast<double>(v));
         ASSERT_EQ(std::string(fast, n), slow) << v;
+        std::string trimmed = slow;
+        if (trimmed.find('.') != std::string::npos)
+            trimmed.erase(trimmed.find_last_not_of('0') + 1);
+        ASSERT_EQ(std::string(fast, FdmWriter::format_trimmed(v, fast)), trimmed) << v;
     }
 }
 

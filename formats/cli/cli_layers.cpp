@@ -10,6 +10,7 @@
 #include "formats/cli/cli_writer.h"
 #include "support/helper_thread.h"
 #include "support/number_text.h"
+#include "support/two_ends.h"
 
 namespace laytran {
 
@@ -289,24 +290,38 @@ class CliSink final : public LayerSink {
         // layers without elements.
         if (faithful_ && !writer_.write_header(true)) return writer_failed(nullptr);
         const std::vector<Contour> &contours = layer.contours;
-        const std::size_t split = share(layer);
-        for (std::size_t i = 0; i < split; i++) {
-            gaps_ += contours[i].gaps;
-            if (!write_contour(writer_, contours[i])) {
-                helper_.wait();
-                return false;
+        if (!share(layer)) {
+            for (const Contour &c : contours) {
+                gaps_ += c.gaps;
+                if (!write_contour(writer_, c)) return false;
             }
+            return true;
         }
-        if (split == contours.size()) return true;
-        // The helper's text of the rest, or (when it could not make it)
-        // the rest written here.
+        // This thread writes contours from the front while the helper
+        // formats them from the back; where the two met, the helper's texts
+        // follow in order, or (when it could not make them) its contours
+        // are written here.
+        bool ok = true;
+        for (std::size_t i = 0; ok && ends_.take_front(i);) {
+            gaps_ += contours[i].gaps;
+            ok = write_contour(writer_, contours[i]);
+        }
         helper_.wait();
+        if (!ok) return false;
+        const std::size_t split = ends_.meeting(), count = contours.size() - split;
         for (std::size_t i = split; i < contours.size(); i++)
             gaps_ += contours[i].gaps;
         if (helper_done_) {
-            out_.write(helper_text_);
+            // The helper's texts end at helper_ends_, the last contour's first.
+            for (std::size_t k = count; k-- > 0;) {
+                const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
+                out_.write(helper_text_.data() + from, helper_ends_[k] - from);
+            }
             return writer_.check_output() || writer_failed(nullptr);
         }
+        // A helper that failed starts afresh with the next layer.
+        helper_writer_.reset();
+        helper_out_.reset();
         for (std::size_t i = split; i < contours.size(); i++) {
             if (!write_contour(writer_, contours[i])) return false;
         }
@@ -327,21 +342,17 @@ class CliSink final : public LayerSink {
     std::uint64_t gaps() const override { return gaps_; }
 
   private:
-    // ASCII geometry of many points is formatted on two threads: the
-    // helper makes the text of the contours from the returned index on
-    // (those of the second half of the points), in order, while this
-    // thread writes the first ones. The layer's own count when all are
-    // written here.
-    std::size_t share(const Layer &layer) {
+    // ASCII geometry of many points is formatted on two threads: whether
+    // the helper was handed the layer's contours to take from the back.
+    bool share(const Layer &layer) {
         const std::vector<Contour> &contours = layer.contours;
-        if (!ascii_ || !writer_.header_written() || contours.size() < 2) return contours.size();
+        if (!ascii_ || !writer_.header_written() || contours.size() < 2 ||
+            contours.size() > UINT32_MAX)
+            return false;
         std::size_t points = 0;
         for (const Contour &c : contours)
             points += c.points.size();
-        if (points < parallel_points) return contours.size();
-        std::size_t split = 0;
-        for (std::size_t half = 0; split + 1 < contours.size() && 2 * half < points; split++)
-            half += contours[split].points.size();
+        if (points < parallel_points) return false;
         if (!helper_writer_) {
             try {
                 helper_out_.reset(new ByteOutput(&helper_text_));
@@ -350,21 +361,26 @@ class CliSink final : public LayerSink {
             } catch (const std::bad_alloc &) {
                 helper_out_.reset();
                 helper_writer_.reset();
-                return contours.size();
+                return false;
             }
         }
         helper_done_ = false;
-        helper_.run([this, &contours, split] {
+        ends_.reset(contours.size());
+        helper_.run([this, &contours] {
             try {
                 helper_text_.clear();
+                helper_ends_.clear();
+                const std::uint64_t base = helper_out_->offset();
                 bool ok = true;
-                for (std::size_t i = split; ok && i < contours.size(); i++)
+                for (std::size_t i = 0; ok && ends_.take_back(i);) {
                     ok = write_contour(*helper_writer_, contours[i]);
+                    helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
+                }
                 helper_done_ = ok && helper_out_->flush();
             } catch (const std::bad_alloc &) {
             }
         });
-        return split;
+        return true;
     }
 
     // A contour as one element, or split at its gap marks: each piece
@@ -478,6 +494,8 @@ class CliSink final : public LayerSink {
     std::string helper_text_;
     std::unique_ptr<ByteOutput> helper_out_;
     std::unique_ptr<CliWriter> helper_writer_;
+    std::vector<std::size_t> helper_ends_; // where the helper's texts end
+    TwoEnds ends_;
     bool helper_done_ = false;
     std::uint64_t gaps_ = 0;
     bool faithful_ = false;

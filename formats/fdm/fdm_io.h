@@ -154,6 +154,9 @@ class FdmWriter {
     // The bytes of printf's "%10f" for v (a float value) into text, which
     // holds at least 64 bytes; the result is the length.
     static std::size_t format_fixed(double v, char *text);
+    // The number as the file has it: format_fixed of v with the trailing
+    // zeros of its decimals cut.
+    static std::size_t format_trimmed(float v, char *text);
 
   private:
     bool record(FdmError code);

@@ -122,20 +122,16 @@ bool FdmSink::write_contour(FdmWriter &writer, const Contour &c) {
     return n - start > 1 ? writer.contour(&p[start], n - start) : true;
 }
 
-// A layer of many points is formatted on two threads: the helper makes the
-// text of the contours from the returned index on (the second half of the
-// points) while this thread writes the first ones. The layer's own count
-// when all are written here.
-std::size_t FdmSink::share(const Layer &layer) {
+// A layer of many points is formatted on two threads: whether the helper
+// was handed the layer's contours to take from the back.
+bool FdmSink::share(const Layer &layer) {
     const std::vector<Contour> &contours = layer.contours;
-    if (!writer_.header_written() || contours.size() < 2) return contours.size();
+    if (!writer_.header_written() || contours.size() < 2 || contours.size() > UINT32_MAX)
+        return false;
     std::size_t points = 0;
     for (const Contour &c : contours)
         points += c.kind == ContourKind::part ? c.points.size() : 0;
-    if (points < parallel_points) return contours.size();
-    std::size_t split = 0;
-    for (std::size_t half = 0; split + 1 < contours.size() && 2 * half < points; split++)
-        half += contours[split].kind == ContourKind::part ? contours[split].points.size() : 0;
+    if (points < parallel_points) return false;
     if (!helper_writer_) {
         try {
             helper_out_.reset(new ByteOutput(&helper_text_));
@@ -144,23 +140,27 @@ std::size_t FdmSink::share(const Layer &layer) {
         } catch (const std::bad_alloc &) {
             helper_out_.reset();
             helper_writer_.reset();
-            return contours.size();
+            return false;
         }
     }
     helper_done_ = false;
-    helper_.run([this, &contours, split] {
+    ends_.reset(contours.size());
+    helper_.run([this, &contours] {
         try {
             helper_text_.clear();
+            helper_ends_.clear();
+            const std::uint64_t base = helper_out_->offset();
             bool ok = true;
-            for (std::size_t i = split; ok && i < contours.size(); i++) {
+            for (std::size_t i = 0; ok && ends_.take_back(i);) {
                 if (contours[i].kind == ContourKind::part)
                     ok = write_contour(*helper_writer_, contours[i]);
+                helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
             }
             helper_done_ = ok && helper_out_->flush();
         } catch (const std::bad_alloc &) {
         }
     });
-    return split;
+    return true;
 }
 
 bool FdmSink::write_layer(const Layer &layer) {
@@ -185,7 +185,6 @@ bool FdmSink::write_layer(const Layer &layer) {
     layers_++;
     bool ok = writer_.layer(layer.z, thickness);
     const std::vector<Contour> &contours = layer.contours;
-    const std::size_t split = ok ? share(layer) : contours.size();
     // The contours the helper formats are counted here, once its text is in.
     auto write = [this](const Contour &c, bool here) {
         gaps_ += c.gaps;
@@ -195,18 +194,35 @@ bool FdmSink::write_layer(const Layer &layer) {
         }
         return !here || write_contour(writer_, c);
     };
-    for (std::size_t i = 0; ok && i < split; i++)
-        ok = write(contours[i], true);
-    if (split < contours.size()) {
-        helper_.wait();
-        const bool formatted = helper_done_;
-        if (ok && formatted) {
-            out_.write(helper_text_);
-            ok = writer_.check();
-        }
-        for (std::size_t i = split; ok && i < contours.size(); i++)
-            ok = write(contours[i], !formatted);
+    if (!ok || !share(layer)) {
+        for (std::size_t i = 0; ok && i < contours.size(); i++)
+            ok = write(contours[i], true);
+        failed_ = !ok;
+        return ok;
     }
+    // This thread writes contours from the front while the helper formats
+    // them from the back; where the two met, the helper's texts follow in
+    // order, or (when it could not make them) its contours are written here.
+    for (std::size_t i = 0; ok && ends_.take_front(i);)
+        ok = write(contours[i], true);
+    helper_.wait();
+    const std::size_t split = ends_.meeting(), count = contours.size() - split;
+    const bool formatted = helper_done_;
+    if (ok && formatted) {
+        // The helper's texts end at helper_ends_, the last contour's first.
+        for (std::size_t k = count; k-- > 0;) {
+            const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
+            out_.write(helper_text_.data() + from, helper_ends_[k] - from);
+        }
+        ok = writer_.check();
+    }
+    if (!formatted) {
+        // A helper that failed starts afresh with the next layer.
+        helper_writer_.reset();
+        helper_out_.reset();
+    }
+    for (std::size_t i = split; ok && i < contours.size(); i++)
+        ok = write(contours[i], !formatted);
     failed_ = !ok;
     return ok;
 }

@@ -18,6 +18,7 @@
 #include "formats/fdm/fdm_io.h"
 #include "formats/left_out.h"
 #include "support/helper_thread.h"
+#include "support/two_ends.h"
 #include "translate/format_io.h"
 
 namespace laytran {
@@ -63,7 +64,7 @@ class FdmSink final : public LayerSink {
 
   private:
     bool write_contour(FdmWriter &writer, const Contour &c);
-    std::size_t share(const Layer &layer);
+    bool share(const Layer &layer);
 
     FdmWriter writer_;
     ByteOutput &out_;
@@ -73,6 +74,8 @@ class FdmSink final : public LayerSink {
     std::string helper_text_;
     std::unique_ptr<ByteOutput> helper_out_;
     std::unique_ptr<FdmWriter> helper_writer_;
+    std::vector<std::size_t> helper_ends_; // where the helper's texts end
+    TwoEnds ends_;
     bool helper_done_ = false;
     LeftOut left_out_;
     std::uint64_t gaps_ = 0;

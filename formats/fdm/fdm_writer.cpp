@@ -1,4 +1,5 @@
 // The FDM slice file writer.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
@@ -88,16 +89,20 @@ bool FdmWriter::check() {
     return !error_;
 }
 
-void FdmWriter::number(float v) {
-    char *text = out_.reserve(number_text_size);
-    if (!text) return; // the output has failed; check() tells
+std::size_t FdmWriter::format_trimmed(float v, char *text) {
     std::size_t len = format_fixed(static_cast<double>(v), text);
     // "%f" puts the point six places from the end (non-finite texts have none).
     if (len >= 7 && text[len - 7] == '.') {
         while (len > 0 && text[len - 1] == '0')
             len--;
     }
-    out_.commit(len);
+    return len;
+}
+
+void FdmWriter::number(float v) {
+    char *text = out_.reserve(number_text_size);
+    if (!text) return; // the output has failed; check() tells
+    out_.commit(format_trimmed(v, text));
 }
 
 void FdmWriter::z_line() {
@@ -134,11 +139,27 @@ bool FdmWriter::contour(const Point *points, std::size_t count) {
     const Point &first = points[0], &last = points[count - 1];
     const bool closed = first.x == last.x && first.y == last.y;
     const std::size_t n = closed ? count - 1 : count;
-    for (std::size_t i = 0; i < n; i++) {
-        number(points[i].x);
-        out_.put(' ');
-        number(points[i].y);
-        out_.put('\n');
+    // Points in batches formatted in place, or one at a time through
+    // `local` when the output's block is smaller than a batch.
+    constexpr std::size_t room = 2 * number_text_size + 2, batch = 64;
+    char local[room];
+    for (std::size_t i = 0; i < n;) {
+        const std::size_t k = std::min(n - i, batch);
+        char *buf = out_.reserve(k * room);
+        if (!buf && out_.failed()) break;
+        char *to = buf ? buf : local;
+        const std::size_t end = buf ? i + k : i + 1;
+        std::size_t len = 0;
+        for (; i < end; i++) {
+            len += format_trimmed(points[i].x, to + len);
+            to[len++] = ' ';
+            len += format_trimmed(points[i].y, to + len);
+            to[len++] = '\n';
+        }
+        if (buf)
+            out_.commit(len);
+        else
+            out_.write(local, len);
     }
     out_.write(closed ? "C\n" : "O\n");
     return check();
