@@ -58,12 +58,14 @@ void write_svg(const Document &doc, std::size_t index, std::ostream &out) {
 
     std::string s = "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n"
                     "<svg xmlns=\"http://www.w3.org/2000/svg\" version=\"1.1\" width=\"";
-    append_number(s, width);
+    // The frame and the level to a float's precision, as the points are
+    // given: 20.8, not 20.80000991821289.
+    append_number(s, static_cast<float>(width));
     s += "mm\" height=\"";
-    append_number(s, height);
+    append_number(s, static_cast<float>(height));
     s += "mm\" viewBox=\"";
     for (double v : {b.xmin - margin, -(b.ymax + margin), width, height}) {
-        append_number(s, v);
+        append_number(s, static_cast<float>(v));
         s += ' ';
     }
     s.back() = '"';
@@ -72,7 +74,7 @@ void write_svg(const Document &doc, std::size_t index, std::ostream &out) {
     // Layers are numbered from 1 for people, as the viewer shows them.
     s += doc.title.empty() ? "layer " : ", layer ";
     s += std::to_string(index + 1) + " of " + std::to_string(doc.layers.size()) + " at z = ";
-    append_number(s, layer.z);
+    append_number(s, static_cast<float>(layer.z));
     s += " mm</title>\n<g transform=\"scale(1 -1)\" fill=\"none\" stroke-width=\"";
     char width_text[32]; // a line width of about a 600th of the drawing, 3 digits
     std::snprintf(width_text, sizeof width_text, "%.3g", span > 0 ? span / 600 : 0.1);

@@ -41,10 +41,7 @@ int run_check(const std::vector<std::string> &words, Console &console) {
         words, {{"from", true}, {"quiet", false}, {"verbose", false}, {"progress", true}});
     if (a.help) return print_help("check", console);
     expect_operands(a, {"FILE"});
-    set_level(a, console);
-    const std::string *from = a.value("from");
-    if (from) parse_input_name(*from);
-    const ProgressBar::When when = progress_when(a);
+    const auto [from, when] = reading_options(a, console);
     if (a.operands[0] == "-")
         throw UsageError("check reads a file, not standard input (its places are given in it)");
 

@@ -6,6 +6,7 @@
 #include "app/modern/args.h"
 #include "app/modern/command.h"
 #include "app/modern/console.h"
+#include "app/modern/input.h"
 #include "app/modern/options.h"
 #include "laytran/io.h"
 
@@ -84,6 +85,13 @@ ProgressBar::When progress_when(const Args &args) {
     if (*v == "always") return ProgressBar::When::always;
     if (*v == "never") return ProgressBar::When::never;
     throw UsageError("bad --progress '" + *v + "' (auto, always or never)");
+}
+
+Reading reading_options(const Args &args, Console &console) {
+    set_level(args, console);
+    const std::string *from = args.value("from");
+    if (from) parse_input_name(*from);
+    return {from, progress_when(args)};
 }
 
 namespace {

@@ -184,10 +184,7 @@ int run_info(const std::vector<std::string> &words, Console &console) {
                                       {"progress", true}});
     if (a.help) return print_help("info", console);
     expect_operands(a, {"FILE"});
-    set_level(a, console);
-    const std::string *from = a.value("from");
-    if (from) parse_input_name(*from);
-    const ProgressBar::When when = progress_when(a);
+    const auto [from, when] = reading_options(a, console);
 
     Input in;
     if (!in.open(a.operands[0], from, console)) return exit_failed;

@@ -18,6 +18,15 @@ void set_level(const Args &args, Console &console);
 // --progress auto|always|never (auto when not given).
 ProgressBar::When progress_when(const Args &args);
 
+// What the subcommands that read one FILE take alike: the message level
+// (set on the console), --from (checked; null when not given) and
+// --progress.
+struct Reading {
+    const std::string *from;
+    ProgressBar::When when;
+};
+Reading reading_options(const Args &args, Console &console);
+
 // The facts `laytran info` prints about a model (but the file's name), in
 // its order; `header`: with the header fields it shows (units, version,
 // date, labels, dimension).

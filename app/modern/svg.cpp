@@ -90,10 +90,7 @@ int run_svg(const std::vector<std::string> &words, Console &console) {
                                       {"progress", true}});
     if (a.help) return print_help("svg", console);
     expect_operands(a, {"FILE"});
-    set_level(a, console);
-    const std::string *from = a.value("from");
-    if (from) parse_input_name(*from);
-    const ProgressBar::When when = progress_when(a);
+    const auto [from, when] = reading_options(a, console);
     const std::string *layer = a.value("layer"), *z = a.value("z");
     if (layer && z) throw UsageError("--layer and --z cannot go together");
     if (!layer && !z) throw UsageError("name the layer: --layer N (from 1) or --z Z (in mm)");

@@ -34,10 +34,7 @@ int run_view(const std::vector<std::string> &words, Console &console) {
                                       {"progress", true}});
     if (a.help) return print_help("view", console);
     expect_operands(a, {"FILE"});
-    set_level(a, console);
-    const std::string *from = a.value("from");
-    if (from) parse_input_name(*from);
-    const ProgressBar::When when = progress_when(a);
+    const auto [from, when] = reading_options(a, console);
     const std::string &file = a.operands[0];
     const std::string *given = a.value("output");
     if (given && given->empty()) throw UsageError("-o needs a file name");
