@@ -85,6 +85,11 @@ int main(int argc, char **argv) {
             sink += laytran::FdmWriter::format_fixed(static_cast<double>(v), text);
     });
     row("FDM six decimals (format_fixed)", fixed_printf_ns, "snprintf", fixed_ns);
+    double trimmed_ns = ns_per_value(count, [&] {
+        for (float v : inches)
+            sink += laytran::FdmWriter::format_trimmed(v, text);
+    });
+    row("FDM number (format_trimmed)", fixed_printf_ns, "snprintf", trimmed_ns);
 
     // Tokens as the readers see them: ASCII CLI reals and FDM numbers.
     std::string all;

@@ -1,12 +1,20 @@
 #!/usr/bin/env bash
 # Whole conversions on generated files, timed against `cp` and `cat` of the
-# same input in the same run, with their peak memory; then the number
-# formatting and scanning timings. Prints Markdown tables.
+# same input in the same run, with their peak memory; then the runs that
+# read their input twice (a model beyond the memory budget): a 2 GB input
+# under a forced 256 MB budget, checked byte for byte against the run that
+# keeps the model, and a 20 GB input under the default budget; then the
+# number formatting and scanning timings. Prints Markdown tables.
 #   bench/run.sh [megabytes]      (input size, default 1024; 50 runs quickly)
 # RUNS sets the runs per measurement (the best counts, default 3); the files
 # go to a fresh directory under TMPDIR (default /tmp), removed on exit.
+# LAYTRAN names another build's program to measure (e.g. an older one);
+# BOUNDED=0 leaves the 2 GB and 20 GB runs out.
 set -euo pipefail
 export LC_ALL=C
+# The in-memory rows keep their models: no budget from the caller's
+# environment.
+unset LAYTRAN_MEMORY
 cd "$(dirname "$0")/.."
 mb=${1:-1024}
 runs=${RUNS:-3}
@@ -15,15 +23,17 @@ cmake -S . -B build-bench -G Ninja -DCMAKE_BUILD_TYPE=Release -DLAYTRAN_BENCH=ON
     -DLAYTRAN_TESTS=OFF >/dev/null
 cmake --build build-bench >/dev/null
 bin=$PWD/build-bench
+laytran=${LAYTRAN:-$bin/laytran}
 work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 trap 'exit 1' INT TERM HUP
 
+free_kib() { df -Pk "$work" | awk 'NR == 2 { print $4 }'; }
+
 # Two generated inputs, three converted from them (the ASCII and .ssl ones
 # two to three times as large) and one output at a time.
 need_kib=$((mb * 1024 * 12))
-free_kib=$(df -Pk "$work" | awk 'NR == 2 { print $4 }')
-if [ "$free_kib" -lt "$need_kib" ]; then
+if [ "$(free_kib)" -lt "$need_kib" ]; then
     echo "run.sh: about $((need_kib / 1024)) MB free needed in $work" >&2
     exit 1
 fi
@@ -54,8 +64,17 @@ measure() {
 }
 
 convert() { # input, output, -O letters
-    "$bin/laytran" -V 0 -f "$1" -o "$2" -O "$3" >/dev/null 2>&1 && [ -s "$2" ] ||
+    "$laytran" -V 0 -f "$1" -o "$2" -O "$3" >/dev/null 2>&1 && [ -s "$2" ] ||
         fail "cannot make $2"
+}
+
+# The output file of each form (with its extension, which -o keeps).
+out_file() {
+    case $1 in
+    S) echo "$work/out.slc" ;;
+    F) echo "$work/out.ssl" ;;
+    *) echo "$work/out.cli" ;;
+    esac
 }
 
 echo "Generating ${mb} MB inputs ..." >&2
@@ -83,8 +102,9 @@ for f in in.cli parts.cli in-ascii.cli in.slc in.ssl; do
 done
 
 echo
-echo "Machine: $(lscpu | sed -n 's/^Model name: *//p' | head -1), $(nproc) cores," \
-    "$(free -g | awk '/^Mem:/ { print $2 }') GB RAM; $(date +%F); best of $runs runs"
+echo "Machine: $(sed -n 's/^model name[[:space:]]*: *//p' /proc/cpuinfo | head -1)," \
+    "$(nproc) cores, $(awk '/^MemTotal:/ { printf "%.0f", $2 / 1048576 }' /proc/meminfo) GB RAM;" \
+    "$(date +%F); best of $runs runs"
 echo
 echo "| input | MB | points | cp s | cat s |"
 echo "|---|---:|---:|---:|---:|"
@@ -98,10 +118,11 @@ echo "Peak RSS target of in-memory runs: <= 1.1x the point data (points x 8 byte
 echo
 echo "| conversion | s | x cp | x cat | peak RSS KiB | x point data | target |"
 echo "|---|---:|---:|---:|---:|---:|---|"
-row() { # label, input, -O letters, target
-    local result s kib
-    result=$(measure "$work/out" "$bin/laytran" -V 0 -f "$work/$2" -o "$work/out" -O "$3")
-    rm -f "$work/out"
+row() { # label, input, -O letters, target, more options
+    local result s kib out
+    out=$(out_file "$3")
+    result=$(measure "$out" "$laytran" -V 0 -f "$work/$2" -o "$out" -O "$3" ${5:-})
+    rm -f "$out"
     s=${result% *}
     kib=${result#* }
     awk -v l="$1" -v s="$s" -v cp="${cp_s[$2]}" -v cat="${cat_s[$2]}" -v k="$kib" \
@@ -111,14 +132,83 @@ row() { # label, input, -O letters, target
 }
 row "binary long CLI -> binary long CLI" in.cli b "<= 2x cp"
 row "binary long CLI -> aligned long CLI" in.cli a ""
-row "binary long CLI -> short CLI" in.cli s ""
-row "binary long CLI -> short aligned CLI" in.cli as ""
+# The 16-bit forms hold the stack's heights only in a larger unit.
+row "binary long CLI -> short CLI (-U 0.05)" in.cli s "" "-U 0.05"
+row "binary long CLI -> short aligned CLI (-U 0.05)" in.cli as "" "-U 0.05"
 row "binary long CLI -> SLC" parts.cli S "<= 2.5x cp"
 row "SLC -> binary long CLI" in.slc b "<= 2.5x cp"
 row "ASCII CLI -> binary long CLI" in-ascii.cli b "<= 4x cp"
 row "binary long CLI -> ASCII CLI" in.cli A "<= 6x cp"
 row ".ssl -> binary long CLI" in.ssl b "<= 6x cp"
 row "binary long CLI -> .ssl" in.cli F "<= 6x cp"
+rm -f "$work"/in-ascii.cli "$work"/in.ssl "$work"/in.slc "$work"/parts.cli
+
+if [ "${BOUNDED:-1}" != 0 ]; then
+    echo
+    echo "Bounded memory: a model beyond the budget is read twice, one layer held at a time."
+    echo
+    echo "| run | input MB | s | MB/s | peak RSS KiB | output |"
+    echo "|---|---:|---:|---:|---:|---|"
+    bounded() { # label, input, output, -O letters, budget (empty: the default; "pipe": the input
+        # through a pipe, which keeps the model), what the output is (or "cmp FILE")
+        local result s kib size runs=1 removed=$3
+        size=$(stat -c %s "$2")
+        # A device is written, never removed.
+        [ -f "$3" ] || [ ! -e "$3" ] || removed=
+        if [ "$5" = pipe ]; then
+            result=$(measure "$removed" sh -c 'cat "$1" | "$0" -V 0 -O "$3" >"$2"' \
+                "$laytran" "$2" "$3" "$4")
+        else
+            result=$(LAYTRAN_MEMORY=$5 measure "$removed" "$laytran" -V 0 -f "$2" -o "$3" -O "$4")
+        fi
+        s=${result% *}
+        kib=${result#* }
+        # "cmp FILE": the output compared with FILE, once it is written.
+        local what=$6
+        if [ "${what#cmp }" != "$what" ]; then
+            what=DIFFERS
+            cmp -s "${6#cmp }" "$3" && what="identical (cmp)"
+        fi
+        awk -v l="$1" -v m="$size" -v s="$s" -v k="$kib" -v o="$what" 'BEGIN {
+            printf "| %s | %.0f | %.2f | %.0f | %d | %s |\n", l, m / 1048576, s,
+                m / 1048576 / s, k, o }'
+    }
+    # 2 GB under a forced 256 MB budget: the bytes of the run that keeps
+    # the model (read from a pipe: a large binary file is read twice
+    # whatever the budget), in two output forms.
+    rm -f "$work/in.cli"
+    if [ "$(free_kib)" -lt $((2048 * 1024 * 5)) ]; then
+        echo "| 2 GB runs skipped: about 10 GB free needed in $work | | | | | |"
+    else
+        "$bin/bench/gen_slices" "$work/in2.cli" 2048 >/dev/null
+        for form in b S; do
+            ext=cli
+            [ "$form" = S ] && ext=slc
+            bounded "2 GB binary CLI -> -O $form, model kept (pipe)" "$work/in2.cli" \
+                "$work/kept.$ext" "$form" pipe "reference"
+            bounded "2 GB binary CLI -> -O $form, LAYTRAN_MEMORY=256M" "$work/in2.cli" \
+                "$work/twice.$ext" "$form" 256M "cmp $work/kept.$ext"
+            cmp "$work/kept.$ext" "$work/twice.$ext" >/dev/null ||
+                fail "2 GB -O $form: the two-pass output differs from the in-memory one"
+            rm -f "$work/kept.$ext" "$work/twice.$ext"
+        done
+        rm -f "$work/in2.cli"
+    fi
+    # 20 GB under the default budget (half the memory): its output on disk
+    # when there is room for it, else on /dev/null.
+    free=$(free_kib)
+    if [ "$free" -lt $((21 * 1024 * 1024)) ]; then
+        echo "| 20 GB run skipped: about 21 GB free needed in $work, $((free / 1048576)) GB free | | | | | |"
+    else
+        out=/dev/null
+        [ "$free" -ge $((42 * 1024 * 1024)) ] && out=$work/out20.cli
+        echo "Generating a 20 GB input ..." >&2
+        "$bin/bench/gen_slices" "$work/in20.cli" 20480 >/dev/null
+        bounded "20 GB binary CLI -> -O b, default budget" "$work/in20.cli" "$out" b "" \
+            "$([ "$out" = /dev/null ] && echo /dev/null || echo file)"
+        rm -f "$work/in20.cli" "$work/out20.cli"
+    fi
+fi
 
 echo
 echo "Number texts, ns per value:"

@@ -41,6 +41,21 @@ bool ByteInput::unget(int c) {
     return true;
 }
 
+bool ByteInput::settle_pushback() {
+    const int n = pushback_count_;
+    if (n == 0) return true;
+    if (pos_ - data_ < n) return false;
+    // The bytes come out most recent first: they must read as the block's
+    // last n bytes before pos_ do.
+    for (int i = 0; i < n; i++) {
+        if (pushback_[n - 1 - i] != pos_[i - n]) return false;
+    }
+    pos_ -= n;
+    pushback_count_ = pushed_bytes_ = 0;
+    limit_ = end_;
+    return true;
+}
+
 int ByteInput::get_slow() {
     if (pushback_count_ > 0) {
         int c = pushback_[--pushback_count_];

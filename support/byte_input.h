@@ -40,6 +40,12 @@ class ByteInput {
     // when `pushback_max` bytes are already held.
     bool unget(int c);
 
+    // Puts pushed-back bytes back into the block when they are the very
+    // bytes just read from it (a reader that looked ahead and gave back),
+    // so that contiguous() finds them in place; the offset stays. False when
+    // the pushback holds anything else.
+    bool settle_pushback();
+
     // Up to n bytes into out; the number delivered (less than n only at the
     // end of the input or after a failure).
     std::size_t read(void *out, std::size_t n);
@@ -52,6 +58,11 @@ class ByteInput {
         return contiguous_slow(n);
     }
     void skip(std::size_t n) { pos_ += n; }
+    // The bytes contiguous() can give without reading (0 while pushed-back
+    // bytes wait).
+    std::size_t available() const {
+        return pushback_count_ > 0 ? 0 : static_cast<std::size_t>(end_ - pos_);
+    }
 
     // Bytes handed out so far, less the bytes held in the pushback.
     std::uint64_t offset() const {

@@ -6,6 +6,13 @@
 // flush is out of line. The first failure is kept (with its errno) and every
 // later write is dropped, so a writer may check once, at the end: `finish()`
 // flushes the last block and reports whether every byte got through.
+//
+// A full block bound for a descriptor or a stream is written by a helper
+// thread while the next one fills, so the system's copying overlaps the
+// formatting. A failed write is therefore known from the next full block,
+// settle() or finish() on; the bytes go out in order either way. The bytes
+// of a regular file are sent on to the disk every few megabytes, so that a
+// sync at the end (the output file's before its rename) finds little left.
 #pragma once
 
 #include <cstddef>
@@ -14,6 +21,9 @@
 #include <cstring>
 #include <memory>
 #include <string>
+#include <sys/types.h>
+
+#include "support/helper_thread.h"
 
 namespace laytran {
 
@@ -29,6 +39,7 @@ class ByteOutput {
     // Appends to the string, which must outlive the object.
     explicit ByteOutput(std::string *memory, std::size_t block = default_block);
 
+    ~ByteOutput();
     ByteOutput(const ByteOutput &) = delete;
     ByteOutput &operator=(const ByteOutput &) = delete;
 
@@ -60,6 +71,9 @@ class ByteOutput {
 
     // Hands every buffered byte to the destination (and flushes a stream).
     bool flush();
+    // Waits for the block being written, so that failed() tells about every
+    // byte handed on so far. False when a write failed.
+    bool settle();
     // The last flush; true when every byte written so far got through.
     bool finish() { return flush() && !failed_; }
 
@@ -69,21 +83,35 @@ class ByteOutput {
     int error_number() const { return error_number_; }
 
   private:
+    // Hands the full block on (to the helper thread where there is one).
+    bool hand_on();
     bool put_slow(std::uint8_t c);
     bool write_slow(const void *data, std::size_t n);
     char *reserve_slow(std::size_t n);
-    // Sends n bytes to the destination; false (with the error kept) when
-    // not all of them got through.
-    bool send(const std::uint8_t *data, std::size_t n);
+    // Sends n bytes to the destination: 0, or the errno of the failure.
+    int send(const std::uint8_t *data, std::size_t n);
+    void take_failure(int error);
+    // Notes where a regular file's bytes go; counts n bytes sent (which
+    // starts the disk writing every few megabytes).
+    void watch_disk(int fd, off_t at);
+    void sent(std::size_t n);
 
     int fd_ = -1;
     std::FILE *stream_ = nullptr;
     std::string *memory_ = nullptr;
     std::unique_ptr<std::uint8_t[]> block_;
+    std::unique_ptr<std::uint8_t[]> spare_; // the block being written
+    std::unique_ptr<HelperThread> helper_;
+    int helper_error_ = 0; // the helper's errno for the block it wrote
     std::size_t block_size_;
     std::uint8_t *pos_ = nullptr;
     std::uint8_t *end_ = nullptr;
     std::uint64_t base_ = 0; // bytes sent before the current block
+    // A regular file: where the bytes sent go in it, and how far the system
+    // was told to start writing them to the disk.
+    bool regular_ = false;
+    int disk_fd_ = -1;
+    std::uint64_t sent_at_ = 0, flushing_at_ = 0;
     bool failed_ = false;
     int error_number_ = 0;
 };

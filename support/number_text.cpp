@@ -3,6 +3,9 @@
 #include <charconv>
 #include <climits>
 #include <cmath>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -15,6 +18,22 @@ namespace {
 constexpr double decimal_powers[] = {1e-5, 1e-4, 1e-3, 1e-2, 1e-1, 1e0,
                                      1e1,  1e2,  1e3,  1e4,  1e5,  1e6};
 constexpr double scale_up[] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5, 1e6, 1e7, 1e8, 1e9};
+
+// "00" to "99".
+constexpr char digit_pairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233"
+    "34353637383940414243444546474849505152535455565758596061626364656667"
+    "6869707172737475767778798081828384858687888990919293949596979899";
+
+// v (at least 0, below 2^52) rounded to an integer, ties to even, as
+// nearbyint does in the default rounding mode, without a call.
+inline double round_even(double v) {
+#ifdef __SSE2__
+    return static_cast<double>(_mm_cvtsd_si64(_mm_set_sd(v)));
+#else
+    return std::nearbyint(v);
+#endif
+}
 
 bool is_digit(char c) {
     return c >= '0' && c <= '9';
@@ -82,35 +101,35 @@ size_t float_text(float value, char *out, bool *point) {
     const int e2 = static_cast<int>((bits >> 23) & 0xFF) - 127;
     int exponent = (e2 * 1233) >> 12;
     if (a >= decimal_powers[exponent + 6]) exponent++;
-    uint32_t d = static_cast<uint32_t>(std::nearbyint(a * scale_up[5 - exponent]));
+    uint32_t d = static_cast<uint32_t>(round_even(a * scale_up[5 - exponent]));
     if (d == 1000000) { // rounded up to the next power of ten
         d = 100000;
         exponent++;
     }
-    char digits[6];
-    for (int i = 5; i >= 0; i--) {
-        digits[i] = static_cast<char>('0' + d % 10);
-        d /= 10;
-    }
+    // The six digits, and zeros behind them for the fixed-size copies
+    // below (which may write past the text, within NUMBER_TEXT_MAX).
+    char digits[16] = {};
+    memcpy(digits, digit_pairs + 2 * (d / 10000), 2);
+    memcpy(digits + 2, digit_pairs + 2 * (d / 100 % 100), 2);
+    memcpy(digits + 4, digit_pairs + 2 * (d % 100), 2);
     int n = 6; // significant digits without the trailing zeros
     while (digits[n - 1] == '0')
         n--;
     if (exponent >= 0) {
-        memcpy(p, digits, static_cast<size_t>(exponent) + 1);
-        p += exponent + 1;
-        if (n > exponent + 1) {
+        const int whole = exponent + 1;
+        memcpy(p, digits, 8);
+        p += whole;
+        if (n > whole) {
             *point = true;
-            *p++ = '.';
-            memcpy(p, digits + exponent + 1, static_cast<size_t>(n - exponent - 1));
-            p += n - exponent - 1;
+            *p = '.';
+            memcpy(p + 1, digits + whole, 8);
+            p += 1 + n - whole;
         }
     } else {
         *point = true;
-        *p++ = '0';
-        *p++ = '.';
-        for (int i = -1; i > exponent; i--)
-            *p++ = '0';
-        memcpy(p, digits, static_cast<size_t>(n));
+        memcpy(p, "0.000", 5);
+        p += 1 - exponent;
+        memcpy(p, digits, 8);
         p += n;
     }
     return static_cast<size_t>(p - out);
@@ -146,7 +165,7 @@ size_t mark_real(char *text, size_t len) {
     return len + 1;
 }
 
-size_t format_marked_real(float v, char *out) {
+size_t format_marked_real_other(float v, char *out) {
     bool point;
     size_t n = float_text(v, out, &point);
     if (n == 0) return mark_real(out, format_g(static_cast<double>(v), out));
@@ -169,6 +188,8 @@ size_t scan_double(const char *first, const char *last, double *out) {
         (lower == 'n' && last - p > 3 && p[3] == '('))
         return c_library_double(first, start, last, out);
     if (!is_digit(c) && c != '.' && lower != 'i' && lower != 'n') return 0;
+    if (const size_t n = scan_exact_decimal(start, last, out))
+        return static_cast<size_t>(start - first) + n;
     // from_chars takes a minus but no plus.
     double v;
     auto r = std::from_chars(*start == '+' ? p : start, last, v);

@@ -168,6 +168,7 @@ TEST(Api, ModelReadAndWrittenBackEqualsTheProgramsOutput) {
 // Eight translations on eight threads at once, each in another pairing of
 // formats: every output and every message as in a run on its own. The
 // outputs of the first four runs alone are the inputs of the last four.
+// Together, half of them read their input twice (a budget of one byte).
 TEST(Concurrency, EightTranslationsOnEightThreads) {
     TempDir d;
     struct Job {
@@ -192,6 +193,7 @@ TEST(Concurrency, EightTranslationsOnEightThreads) {
         o.input = j.from;
         o.output = j.to;
         o.reverse = i % 2 == 1;
+        o.memory_budget = suffix == ".again" && i % 2 == 0 ? 1 : 0;
         const std::string out = d.file(std::to_string(i) + suffix);
         std::string log;
         TranslateResult r =

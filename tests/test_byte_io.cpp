@@ -8,6 +8,7 @@
 
 #include "support/byte_input.h"
 #include "support/byte_output.h"
+#include "support/helper_thread.h"
 #include "test_util.h"
 
 using laytran::ByteInput;
@@ -109,8 +110,22 @@ TEST(ByteInput, ContiguousCrossesBlockEndsAndMeasuresFromTheCurrentPosition) {
     in.skip(12);
     EXPECT_EQ(in.remaining(), 90u - 26u);
     EXPECT_EQ(in.contiguous(17), nullptr); // more than a block
-    in.unget(in.get());
+    const int c = in.get(), d2 = in.get();
+    in.unget(d2);
+    in.unget(c);
     EXPECT_EQ(in.contiguous(1), nullptr); // pushback waits
+    // ... until it is settled back into the block, bytes and offset alike.
+    const std::uint64_t at = in.offset();
+    EXPECT_TRUE(in.settle_pushback());
+    EXPECT_EQ(in.offset(), at);
+    p = in.contiguous(2);
+    ASSERT_NE(p, nullptr);
+    EXPECT_EQ(p[0], c);
+    EXPECT_EQ(p[1], d2);
+    in.get();
+    in.unget('x'); // not the byte read
+    EXPECT_FALSE(in.settle_pushback());
+    EXPECT_EQ(in.get(), 'x');
     close(fd);
 }
 
@@ -159,6 +174,23 @@ TEST(ByteOutput, EveryDestinationGetsTheSameBytes) {
     EXPECT_EQ(read_file(d.file("stream")), data);
 }
 
+TEST(HelperThread, JobsRunInOrderAndWhatTheyWroteIsSeenAfterWait) {
+    std::vector<int> seen;
+    {
+        laytran::HelperThread helper;
+        for (int i = 0; i < 2000; i++) {
+            helper.run([&seen, i] { seen.push_back(i); });
+            if (i % 3 == 0) helper.wait();
+        }
+        helper.wait();
+        EXPECT_EQ(seen.size(), 2000u);
+        for (int i = 0; i < 2000; i++)
+            EXPECT_EQ(seen[i], i);
+        helper.run([&seen] { seen.clear(); }); // not waited for: runs before the end
+    }
+    EXPECT_TRUE(seen.empty());
+}
+
 TEST(ByteOutput, AFullDeviceFailsTheLastFlushAndDropsLaterWrites) {
     int fd = open("/dev/full", O_WRONLY);
     ASSERT_GE(fd, 0);
@@ -169,6 +201,18 @@ TEST(ByteOutput, AFullDeviceFailsTheLastFlushAndDropsLaterWrites) {
     EXPECT_FALSE(out.put('x'));
     EXPECT_EQ(out.reserve(4), nullptr);
     EXPECT_FALSE(out.finish());
+    close(fd);
+    // Full blocks go out on the helper thread: its failure is known from the
+    // next block or settle() on, and what follows is dropped.
+    fd = open("/dev/full", O_WRONLY);
+    ByteOutput async(fd, 16);
+    for (int i = 0; i < 40; i++)
+        async.write("0123456789");
+    EXPECT_FALSE(async.settle());
+    EXPECT_TRUE(async.failed());
+    EXPECT_EQ(async.error_number(), ENOSPC);
+    EXPECT_FALSE(async.write("x"));
+    EXPECT_FALSE(async.finish());
     close(fd);
     // A closed descriptor is a failure too, not a silent loss.
     ByteOutput closed(-1);

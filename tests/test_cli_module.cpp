@@ -1,11 +1,13 @@
 // The CLI module through its own API: the reader and the writer on bytes in
 // memory, and the engine's source and sink over them.
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
+#include <random>
 #include <sstream>
 #include <string>
 #include <unistd.h>
@@ -145,6 +147,16 @@ Layers short_model() {
             {2, 0, {hatch(7, {{1, 2}, {3, 4}}), hatch(8, {})}},
             {300, 0, {part(65535, 0, {{5, 6}, {7, 8}})}}};
 }
+
+// Binary long-form geometry of polylines in one layer.
+struct BinaryModel {
+    std::string bytes = "$$HEADERSTART$$BINARY$$HEADEREND" + u16(127) + f32(1);
+    void polyline(const std::vector<float> &xy) {
+        bytes += u16(130) + u32(1) + u32(0) + u32(static_cast<uint32_t>(xy.size() / 2));
+        for (float v : xy)
+            bytes += f32(v);
+    }
+};
 
 const OutputForm cli_forms[] = {OutputForm::cli_ascii, OutputForm::cli_binary,
                                 OutputForm::cli_aligned, OutputForm::cli_short,
@@ -288,6 +300,183 @@ TEST(CliModule, ReaderAsciiHardCases) {
     EXPECT_EQ(r.header.xmax + r.header.ymax + r.header.zmax, 60.0);
     EXPECT_EQ(r.header.xmin + r.header.ymin + r.header.zmin, 0.0);
     EXPECT_EQ(as_text(r.layers), as_text({{1, 0, {hatch(5, {{1, 2}, {3, 4}, {5, 6}, {7, 8}})}}}));
+}
+
+// The reader's fast paths (numbers read in place, runs of points straight
+// from the block) against its byte-by-byte path (a stream read five bytes
+// at a time), on long random point lists of every spelling, ASCII and
+// binary, with a rare value that stops the reading.
+TEST(CliModule, FastPathsReadWhatTheByteByBytePathReads) {
+    // Plain numbers and other spellings that read on; from "1e39" on those
+    // that stop the reading.
+    const char *numbers[] = {"1",
+                             "-2.5",
+                             "+3.",
+                             ".25",
+                             "0007.50",
+                             "1e3",
+                             "-4.5E-2",
+                             "-0",
+                             " 7",
+                             "8 ",
+                             "9\r\n",
+                             "1.5mm",
+                             "1 2",
+                             "1e",
+                             "1e+",
+                             "-.5",
+                             "0x1",
+                             "3e38",
+                             "12345678901234567890123",
+                             "1e39",
+                             "nan",
+                             "abc",
+                             "$",
+                             "",
+                             "1/",
+                             ","};
+    const char *separators[] = {",", ",", ",", ",", " , ", ",\n", "\t,\r\n", ", // 5,\n"};
+    std::mt19937 rng(5);
+    for (int round = 0; round < 40; round++) {
+        std::string text = ascii_head + "$$LAYER/1\n";
+        BinaryModel binary;
+        while (text.size() < 60000) {
+            const int count = static_cast<int>(rng() % 300);
+            text += "$$POLYLINE/1,0," + std::to_string(count) + ",";
+            std::vector<float> xy;
+            for (int v = 2 * count; v > 0; v--) {
+                // Mostly plain numbers; now and then one that stops the reading.
+                const std::size_t pick = rng() % 20000 ? rng() % 19 : 19 + rng() % 7;
+                text += numbers[pick];
+                text += v > 1 ? separators[rng() % 8] : "\n";
+                std::uint32_t bits = static_cast<std::uint32_t>(rng());
+                bits = rng() % 4000 ? bits & 0xBFFFFFFFu : bits | 0x7F800000u; // rarely not finite
+                float f;
+                std::memcpy(&f, &bits, 4);
+                xy.push_back(f);
+            }
+            binary.polyline(xy);
+        }
+        text += "$$GEOMETRYEND";
+        for (const std::string &bytes : {text, binary.bytes}) {
+            Read fast = read_cli(bytes), slow = read_cli(bytes, false, 5);
+            ASSERT_EQ(as_text(fast.layers), as_text(slow.layers)) << round;
+            EXPECT_EQ(fast.error, slow.error) << round;
+            EXPECT_EQ(fast.clean, slow.clean) << round;
+        }
+    }
+}
+
+// Everything the reader tells, a line an event (its place, its fields, a
+// hash of its points), then how it ended: read on one thread, or on two
+// from parallel_min bytes of geometry at hand, from memory or (block > 0)
+// from a file of known or unknown size.
+std::string reader_story(std::string bytes, size_t parallel_min, size_t block = 0,
+                         bool known_size = true) {
+    FILE *f = nullptr;
+    if (block && known_size) {
+        f = tmpfile();
+        fwrite(bytes.data(), 1, bytes.size(), f);
+        rewind(f);
+    } else if (block) {
+        f = fmemopen(&bytes[0], bytes.size(), "rb");
+    }
+    auto in = f ? std::make_unique<ByteInput>(f, block)
+                : std::make_unique<ByteInput>(bytes.data(), bytes.size());
+    std::ostringstream s;
+    s.precision(9);
+    {
+        CliReader reader(*in);
+        reader.set_parallel_min(parallel_min);
+        CliElement e;
+        for (CliReader::Event ev; (ev = reader.next(e)) != CliReader::Event::end;) {
+            s << reader.command_offset();
+            if (ev == CliReader::Event::layer) {
+                s << " z" << reader.layer_z() << "\n";
+                continue;
+            }
+            uint64_t hash = 14695981039346656037u;
+            for (const Point &p : e.points) {
+                uint64_t xy;
+                memcpy(&xy, &p, 8);
+                hash = (hash ^ xy) * 1099511628211u;
+            }
+            s << " " << static_cast<int>(e.kind) << "/" << e.id << "/" << e.direction << "/"
+              << e.points.size() << "/" << hash << "\n";
+        }
+        s << "error " << static_cast<int>(reader.error()) << " at " << reader.error_offset() << " '"
+          << reader.error_token() << "' clean " << reader.ended_cleanly() << " layers "
+          << reader.layers_read() << " end " << reader.end_seen();
+        for (const CliSkipped &k : reader.skipped())
+            s << " " << k.name << "*" << k.count;
+    }
+    if (f) fclose(f);
+    return s.str();
+}
+
+// The first line in which two stories differ ("" when they do not).
+std::string first_difference(const std::string &a, const std::string &b) {
+    const size_t at = static_cast<size_t>(
+        std::mismatch(a.begin(), a.end(), b.begin(), b.end()).first - a.begin());
+    if (at == a.size() && at == b.size()) return "";
+    const size_t line = a.rfind('\n', at) + 1;
+    return "line " + std::to_string(std::count(a.begin(), a.begin() + at, '\n') + 1) + ": " +
+           a.substr(line, a.find('\n', line) - line) + " | " +
+           b.substr(line, b.find('\n', line) - line);
+}
+
+// Megabytes of ASCII geometry read on two threads tell what one thread
+// reads, with one thing planted in the second half, at a command that
+// begins next to a multiple of 64 KiB (a block's end) or anywhere: things
+// that stop a piece (read alone from there on) and some that do not.
+TEST(CliModule, ReaderReadsLargeAsciiGeometryOnTwoThreads) {
+    std::mt19937 rng(11);
+    const auto number = [&rng] {
+        static const char *other[] = {" 7", "1e3", "-.5", "+3.", "8 ", "0007.50", "2 // c\n"};
+        if (rng() % 64 == 0) return std::string(other[rng() % 7]);
+        return std::to_string(static_cast<int>(rng() % 200000) - 100000) + "." +
+               std::to_string(rng() % 100);
+    };
+    std::string body;
+    for (int layer = 1; body.size() < (2u << 20);) {
+        if (rng() % 8 == 0) body += "$$LAYER/" + std::to_string(layer++) + "\n";
+        const int n = static_cast<int>(rng() % 300);
+        const bool hatches = rng() % 3 == 0;
+        body += hatches ? "$$HATCHES/2," + std::to_string(n)
+                        : "$$POLYLINE/1," + std::to_string(rng() % 3) + "," + std::to_string(n);
+        for (int v = (hatches ? 4 : 2) * n; v > 0; v--)
+            body += "," + number();
+        body += "\n";
+        if (rng() % 40 == 0) body += rng() % 2 ? "$$POWER/100\n" : "// a comment\n";
+    }
+    const std::string plants[] = {"",
+                                  "$$SPEED/25,3\n",
+                                  "$$ALIGN\n",
+                                  "$$POLYLINE/1,0,3,1,2,3,4\n",
+                                  "$$LAYER/nan\n",
+                                  "$$HATCHES/1,1,1,2,3,1e39\n",
+                                  "/\n",
+                                  "$$FOO/1x\n",
+                                  "$$GEOMETRYEND\n"};
+    int round = 0;
+    for (const std::string &plant : plants) {
+        for (bool at_block : {true, false}) {
+            const size_t half = body.size() / 2;
+            size_t at = at_block ? (half / 65536 + 1 + rng() % (half / 65536)) * 65536 - rng() % 64
+                                 : half + rng() % half;
+            at = body.find("\n$$", at) + 1;
+            std::string text = ascii_head + body.substr(0, at) + plant + body.substr(at);
+            // Now and then with $$GEOMETRYEND, or cut short.
+            if (round % 3 == 0) text += "$$GEOMETRYEND\n";
+            if (round % 5 == 4) text.resize(text.size() - rng() % half);
+            round++;
+            SCOPED_TRACE(plant + " at " + std::to_string(at));
+            const std::string alone = reader_story(text, SIZE_MAX);
+            EXPECT_EQ(first_difference(alone, reader_story(text, 8192)), "");
+            EXPECT_EQ(first_difference(alone, reader_story(text, 8192, 65536)), "");
+            EXPECT_EQ(first_difference(alone, reader_story(text, 4096, 24576, false)), "");
+        }
+    }
 }
 
 TEST(CliModule, ReaderBinaryHardCases) {
@@ -480,7 +669,7 @@ Sink run_sink(const Layers &m, OutputForm form, OutputPlan plan) {
     Reporter reporter(sink);
     ByteOutput out(&s.bytes);
     auto k = make_cli_sink(form, out, reporter);
-    plan.layer_count = m.size();
+    if (plan.layer_count == 0) plan.layer_count = m.size();
     s.ok = k->begin(plan);
     for (size_t i = 0; i < m.size() && s.ok; i++)
         s.ok = k->write_layer(m[i]);
@@ -493,6 +682,38 @@ Sink run_sink(const Layers &m, OutputForm form, OutputPlan plan) {
 constexpr float gap = gap_coordinate;
 
 } // namespace
+
+// Layers of many points are formatted on two threads: the bytes of the
+// contours written one by one (each alone in a layer of the same height).
+TEST(CliModule, SinkFormatsLargeAsciiLayersOnTwoThreads) {
+    std::mt19937 rng(3);
+    Layers m, one_by_one;
+    for (int l = 0; l < 3; l++) {
+        Layer layer{0.5f * static_cast<float>(l + 1), 0, {}};
+        for (std::uint32_t c = 0; c < 12; c++) {
+            std::vector<Point> p;
+            for (int i = static_cast<int>(rng() % 900); i > 0; i--)
+                p.push_back({static_cast<float>(rng() % 100000) / 7, static_cast<float>(i)});
+            if (c % 5 == 2) p.insert(p.begin() + p.size() / 2, {gap, gap});
+            Contour k = c % 3 ? part(c, 1, p) : hatch(c, p);
+            k.gaps = c % 5 == 2;
+            layer.contours.push_back(k);
+            one_by_one.push_back({layer.z, 0, {k}});
+        }
+        m.push_back(layer);
+    }
+    OutputPlan plan;
+    plan.unit_mm = 0.01;
+    plan.layer_count = m.size();
+    for (CliHeaderStyle style : {CliHeaderStyle::classic, CliHeaderStyle::faithful}) {
+        plan.cli_header = style;
+        Sink a = run_sink(m, OutputForm::cli_ascii, plan);
+        Sink b = run_sink(one_by_one, OutputForm::cli_ascii, plan);
+        EXPECT_TRUE(a.ok && b.ok);
+        EXPECT_EQ(a.bytes, b.bytes);
+        EXPECT_EQ(a.gaps, b.gaps);
+    }
+}
 
 TEST(CliModule, SinkClassicAndFaithful) {
     ModelHeader source;

@@ -16,16 +16,16 @@ using layer_io::contour;
 
 namespace {
 
-std::string num(double v) {
+std::string num(double v, const char *format = "%g") {
     char t[64];
-    snprintf(t, sizeof t, "%g", v);
+    snprintf(t, sizeof t, format, v);
     return t;
 }
 
 // Every item: "2@z/thickness" where a layer begins (shown with its first
 // contour), the terminator and the points per contour; then "err=" and the
 // reader's error code.
-std::string read_all(std::string bytes, std::size_t block = 0) {
+std::string read_all(std::string bytes, std::size_t block = 0, const char *format = "%g") {
     FILE *f = block && !bytes.empty() ? fmemopen(&bytes[0], bytes.size(), "rb") : nullptr;
     std::unique_ptr<ByteInput> in(f ? new ByteInput(f, block)
                                     : new ByteInput(bytes.data(), bytes.size()));
@@ -41,7 +41,7 @@ std::string read_all(std::string bytes, std::size_t block = 0) {
         out += layer ? "2@" + num(reader.z()) + "/" + num(reader.thickness()) : "1";
         out += closed ? " C" : " O";
         for (const Point &p : points)
-            out += " " + num(p.x) + "," + num(p.y);
+            out += " " + num(p.x, format) + "," + num(p.y, format);
         out += " | ";
         layer = false;
     }
@@ -115,6 +115,81 @@ TEST(FdmModule, ReaderHardCases) {
     }
     EXPECT_STREQ(fdm_error_text(14), "not an FDM file");
     EXPECT_STREQ(fdm_error_text(15), "<unknown>");
+}
+
+// Runs of points read straight from the input block against the
+// character-by-character path (a stream read five bytes at a time), on
+// long random contours of every spelling, with a rare text that stops the
+// reading.
+TEST(FdmModule, PointRunsReadWhatTheCharacterPathReads) {
+    // Plain numbers; from "1e" on odd ones that read on (every 50th value);
+    // from "4e38" on those that stop the reading (rarely).
+    const char *numbers[] = {"1",
+                             "-2.5",
+                             "+3.",
+                             ".25",
+                             "0007.50",
+                             "1e3",
+                             "-4.5E-2",
+                             "-0",
+                             "3e38",
+                             "1e-45",
+                             "1e",
+                             "1.5mm",
+                             "0x1p3",
+                             "1,5",
+                             "#c\n1",
+                             "C",
+                             "12345678901234567890123",
+                             "4e38",
+                             "nan",
+                             "abc"};
+    const char *delimiters[] = {" ", " ", "\n", "  ", "\t", "\r\n", " (", ") ", " , "};
+    std::mt19937 rng(8);
+    for (int round = 0; round < 30; round++) {
+        std::string text = "SLICE V0\nZ 0.005 0.005\n";
+        while (text.size() < 60000) {
+            text += "C\n";
+            for (int v = 2 * static_cast<int>(rng() % 300); v > 0; v--) {
+                const std::size_t pick = rng() % 20000 == 0 ? 17 + rng() % 3
+                                         : rng() % 50 == 0  ? 10 + rng() % 7
+                                                            : rng() % 10;
+                text += numbers[pick];
+                text += delimiters[rng() % 9];
+            }
+            text += "C\n";
+        }
+        EXPECT_EQ(read_all(text, 0, "%a"), read_all(text, 5, "%a")) << round;
+    }
+}
+
+// Layers of many points are formatted on two threads: the bytes the writer
+// gives contour by contour.
+TEST(FdmModule, SinkFormatsLargeLayersOnTwoThreads) {
+    std::mt19937 rng(4);
+    std::vector<Layer> layers;
+    std::string expected;
+    ByteOutput out(&expected);
+    FdmWriter writer(out);
+    for (int l = 0; l < 3; l++) {
+        layers.push_back(layer(0.005f * static_cast<float>(l + 1), {}));
+        writer.layer(layers.back().z, 0.0f);
+        for (int c = 0; c < 12; c++) {
+            std::vector<Point> p;
+            for (int i = static_cast<int>(rng() % 900) + 1; i > 0; i--)
+                p.push_back({static_cast<float>(rng() % 100000) / 7, static_cast<float>(i)});
+            if (c % 4 == 1) p.push_back(p[0]); // closed
+            layers.back().contours.push_back(
+                contour(p, c % 5 == 3 ? ContourKind::hatches : ContourKind::part));
+            if (c % 5 != 3) writer.contour(p.data(), p.size());
+        }
+    }
+    writer.finish();
+    layer_io::Written w = write(layers);
+    EXPECT_TRUE(w.ok);
+    EXPECT_EQ(w.bytes, expected);
+    EXPECT_EQ(w.messages,
+              "W the FDM format holds part contours only: 6 hatch blocks were left out\n");
 }
 
 TEST(FdmModule, SourceGivesLayersOfPartContoursInInches) {
@@ -199,6 +274,10 @@ TEST(FdmModule, NumberTextMatchesPrintf) {
         size_t n = FdmWriter::format_fixed(v, fast);
         snprintf(slow, sizeof slow, "%10f", static_cast<double>(v));
         ASSERT_EQ(std::string(fast, n), slow) << v;
+        std::string trimmed = slow;
+        if (trimmed.find('.') != std::string::npos)
+            trimmed.erase(trimmed.find_last_not_of('0') + 1);
+        ASSERT_EQ(std::string(fast, FdmWriter::format_trimmed(v, fast)), trimmed) << v;
     }
 }
 

@@ -2,6 +2,7 @@
 // every text and every value must be identical.
 #include <gtest/gtest.h>
 
+#include <cctype>
 #include <cerrno>
 #include <cfloat>
 #include <climits>
@@ -61,6 +62,15 @@ bool scans_like_c_library(const std::string &text) {
     size_t used = scan_double(first, last, &value);
     EXPECT_EQ(used, static_cast<size_t>(end - text.c_str())) << "scan_double '" << text << "'";
     EXPECT_EQ(bits_of(value), bits_of(expected)) << "scan_double '" << text << "'";
+    // The plain texts' own path, where one ends its number.
+    const auto *at = reinterpret_cast<const unsigned char *>(text.c_str());
+    std::vector<unsigned char> padded(at, at + text.size() + 1);
+    padded.resize(padded.size() + 17, 0);
+    const size_t plain = scan_plain_decimal(padded.data(), &value);
+    if (plain && !isalnum(padded[plain]) && padded[plain] != '.') {
+        EXPECT_EQ(plain, used) << "scan_plain_decimal '" << text << "'";
+        EXPECT_EQ(bits_of(value), bits_of(expected)) << "scan_plain_decimal '" << text << "'";
+    }
     errno = 0;
     const long expected_long = strtol(text.c_str(), &end, 10);
     long long_value = -1;

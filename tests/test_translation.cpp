@@ -4,6 +4,8 @@
 #include <cerrno>
 #include <cfloat>
 #include <cmath>
+#include <cstdlib>
+#include <cstring>
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -39,6 +41,8 @@ struct Script {
     std::size_t fail_after = SIZE_MAX; // the source's error after this many layers
     StreamError read_error;
     bool source_missing = false, sink_missing = false;
+    int sources = 0;           // sources made: a second reading makes another
+    std::vector<Layer> second; // what the second source gives, when set
 
     std::size_t sink_fail_at = SIZE_MAX; // write_layer of this index fails
     StreamError write_error;             // recorded then (none: a silent failure)
@@ -126,6 +130,7 @@ Outcome run(Script &s, TranslateOptions o = {}) {
     };
     FormatFactories fakes;
     fakes.source = [&s](InputFormat, ByteInput &, Reporter &, const SourceOptions &) {
+        if (++s.sources == 2 && !s.second.empty()) s.layers = s.second;
         return s.source_missing ? nullptr : std::make_unique<FakeSource>(s);
     };
     fakes.sink = [&s](OutputForm, ByteOutput &, Reporter &) {
@@ -180,6 +185,69 @@ TEST(ModelOps, ScaleRoundsToFloatKeepsGapMarksAndFindsTheFirstBadLayer) {
     EXPECT_EQ(r.contours[0].points[0].x, 1.0f);
     for (int i = 0; i < 5; i++)
         EXPECT_EQ(r.contours[1].points[i].x, 5.0f - i);
+}
+
+// Scaling runs on vector instructions for contours without gap marks: the
+// same stored values, bounds (down to the sign of a zero bound, the first
+// met) and range check as the plain loop over the points; so does a factor
+// so close to 1 that the points are only checked (0.01 as a float, to 0.01),
+// and one just too far from 1 for that; and so do the bounds alone, which
+// come from the points' extremes when the points are not needed.
+TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
+    std::srand(7);
+    const float values[] = {0.0f,   -0.0f,   1.5f,   -2.25f,    3e38f,        -3e38f,
+                            1e-45f, -1e-45f, 7e-39f, HUGE_VALF, std::nanf("")};
+    int round = 0;
+    // Every other round only zeros and positive values: zero bounds.
+    auto any = [&] {
+        if (round % 2) return values[std::rand() % 3];
+        return std::rand() % 3 ? values[std::rand() % (round % 8 ? 9 : 11)]
+                               : static_cast<float>(std::rand() - RAND_MAX / 2) / 64.0f;
+    };
+    for (; round < 400; round++) {
+        Layer layer;
+        layer.z = any();
+        for (int k = std::rand() % 4; k > 0; k--) {
+            Contour c;
+            for (int i = std::rand() % 9; i > 0; i--)
+                c.points.push_back({any(), any()});
+            if (std::rand() % 5 == 0) c.points.push_back({G, G});
+            layer.contours.push_back(c);
+        }
+        const double factors[] = {1.0, 100.0, 1e-40, static_cast<double>(0.01f) / 0.01,
+                                  1.0 + 0x1p-24};
+        const double factor = factors[round % 5];
+        Layer plain = layer, unkept = layer;
+        Bounds want = empty_bounds(), got = empty_bounds(), got_unkept = empty_bounds();
+        bool finite = true;
+        auto to_float = [&finite](double v) {
+            if (std::fabs(v) < 0x1.ffffffp+127) return static_cast<float>(v);
+            finite = false;
+            return 0.0f;
+        };
+        plain.z = to_float(plain.z * factor);
+        want.zmin = want.zmax = plain.z;
+        for (Contour &c : plain.contours) {
+            for (Point &p : c.points) {
+                if (is_gap_mark(p)) continue;
+                p = {to_float(p.x * factor), to_float(p.y * factor)};
+                if (p.x < want.xmin) want.xmin = p.x;
+                if (p.x > want.xmax) want.xmax = p.x;
+                if (p.y < want.ymin) want.ymin = p.y;
+                if (p.y > want.ymax) want.ymax = p.y;
+            }
+        }
+        EXPECT_EQ(scale(layer, factor, got), finite);
+        EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << round;
+        // Bounds and range check alone, the points not needed.
+        EXPECT_EQ(scale(unkept, factor, got_unkept, false), finite);
+        EXPECT_EQ(std::memcmp(&got_unkept, &want, sizeof got), 0) << round;
+        for (std::size_t k = 0; k < layer.contours.size(); k++) {
+            const auto &a = layer.contours[k].points, &b = plain.contours[k].points;
+            EXPECT_TRUE(a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)) == 0)
+                << round;
+        }
+    }
 }
 
 TEST(ModelOps, BoundsAndCountsByKind) {
@@ -374,6 +442,35 @@ TEST(Translation, WriteErrors) {
                              ": error reading input file (illegal keyword)\n"
                              ": error writing output file (" +
                              c.line + ")\n");
+    }
+}
+
+TEST(Translation, ASecondReadingMustGiveTheLayersOfTheFirst) {
+    const std::vector<Layer> layers = {layer_at(-1, {{{1, 1}}}), layer_at(2, {{{1, 1}}})};
+    TranslateOptions o;
+    o.memory_budget = 1; // the layers are read again for the writing
+    o.move_positive = true;
+    Script s;
+    s.layers = layers;
+    Outcome r = run(s, o);
+    EXPECT_TRUE(r.ok);
+    EXPECT_EQ(s.sources, 2);
+    EXPECT_EQ(s.written.size(), 2u);
+    EXPECT_EQ(s.written[1].z, 300.0f);
+    EXPECT_NE(r.log.find(left_out), std::string::npos);
+    // Another height, a layer more or a point less: the run fails.
+    for (int change = 0; change < 3; change++) {
+        s = Script();
+        s.layers = s.second = layers;
+        if (change == 0) s.second[1].z = 2.5f;
+        if (change == 1) s.second.push_back(layers[0]);
+        if (change == 2) s.second[1].contours[0].points.pop_back();
+        r = run(s, o);
+        EXPECT_FALSE(r.ok);
+        const std::string end = std::string(skipped) +
+                                ": error reading input file (the input file changed while it "
+                                "was read)\n";
+        EXPECT_EQ(r.log.substr(r.log.size() - std::min(r.log.size(), end.size())), end) << change;
     }
 }
 

@@ -9,6 +9,7 @@
 #pragma once
 
 #include <cstddef>
+#include <vector>
 
 #include "laytran/model.h"
 
@@ -22,9 +23,14 @@ inline bool is_negative(const Bounds &b) {
     return b.xmin < 0.0 || b.ymin < 0.0 || b.zmin < 0.0;
 }
 
+// Adds the layer to the counts (Counts::layers and the rest).
+void add_counts(Counts &counts, const Layer &layer);
+
 // Multiplies the height and every coordinate by `factor`, widening `bounds`
 // by the stored results. False when a value did not come out finite.
-bool scale(Layer &layer, double factor, Bounds &bounds);
+// Without `points` the bounds and the result are the same, but the points
+// may be left unscaled (those of a layer that is not kept).
+bool scale(Layer &layer, double factor, Bounds &bounds, bool points = true);
 // The same on every layer, with `bounds` started afresh. The index of the
 // first layer where a value did not come out finite, or the layer count.
 std::size_t scale(Model &model, double factor, Bounds &bounds);
@@ -35,6 +41,12 @@ std::size_t scaled_bounds(const Model &model, double factor, Bounds &bounds);
 // scale.
 bool move(Layer &layer, double dx, double dy, double dz);
 std::size_t move(Model &model, double dx, double dy, double dz);
+
+// Whether moving every value of a model with these bounds by (dx, dy, dz),
+// each at least 0, keeps them in float range (as `move` would find).
+bool movable(const Bounds &bounds, double dx, double dy, double dz);
+// Adds d to every level; results as for move.
+void move(std::vector<float> &levels, double d);
 
 // Reverses the order of the points of every contour. With `directions`,
 // a part contour's direction value swaps as well (clockwise and

@@ -1,10 +1,14 @@
 #include "translate/translation.h"
 
+#include <cerrno>
 #include <cmath>
+#include <cstdlib>
 #include <new>
+#include <optional>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/memory_budget.h"
 #include "support/number_text.h"
 #include "support/system_error.h"
 #include "translate/model_ops.h"
@@ -52,11 +56,33 @@ const char *output_name(OutputForm f) {
     return "CLI";
 }
 
-bool holds_contours(const Model &model) {
-    for (const Layer &layer : model.layers) {
-        if (!layer.contours.empty()) return true;
-    }
-    return false;
+StreamError read_error(int system_error, const char *text = "read error") {
+    StreamError e;
+    e.code = 2; // every module's code of its read errors
+    e.text = text;
+    e.system_error = system_error;
+    return e;
+}
+
+// The memory a model read from `size` bytes is taken to need, for the
+// decision to keep it: twice the bytes. The densest texts ("1,2," a point)
+// and the 16-bit binary forms take 8 bytes of memory for 4 of the file;
+// everything else less. What the layers really take is watched as they are
+// kept, so that a file denser still falls back to a second reading.
+std::uint64_t estimated_model(std::uint64_t size) {
+    return size > UINT64_MAX / 2 ? UINT64_MAX : 2 * size;
+}
+
+// A binary input file from this size on is read twice rather than kept:
+// its layers come again from the system's cache for little more than a
+// copy, while keeping them takes as much fresh memory, which the system
+// must find, clear and map page by page.
+constexpr std::uint64_t reread_binary_size = std::uint64_t(32) << 20;
+
+// Whether the input read so far is binary (its points cheap to read again).
+bool binary_input(const ModelHeader &h) {
+    return h.format == InputFormat::slc ||
+           (h.format == InputFormat::cli && h.variant.compare(0, 6, "binary") == 0);
 }
 
 } // namespace
@@ -103,6 +129,62 @@ std::unique_ptr<ByteInput> InputBytes::open() {
 
 // Translation
 
+// What the first reading learns: the converted model's levels, bounds and
+// counts, the input's header, and the conversion.
+struct Translation::Survey {
+    std::vector<float> levels;
+    Bounds bounds = empty_bounds();
+    Counts counts;
+    ModelHeader header;
+    double unit = 1.0, factor = 1.0;
+    std::size_t bad_layer = SIZE_MAX; // the first layer that left the float range
+    bool kept = false;                // every layer is in the store
+    bool reread_binary = false;       // a large binary input is read twice
+    bool moving = false;
+    double dx = 0, dy = 0, dz = 0;
+};
+
+// The converted layers once more, in order: from the store, from a model
+// (converted on the way), or read again from the input (converted anew).
+class Translation::Replay {
+  public:
+    explicit Replay(const LayerStore &store) : store_(&store) {}
+    Replay(const Model &model, double factor) : model_(&model), factor_(factor) {}
+    Replay(std::unique_ptr<ByteInput> in, std::unique_ptr<LayerSource> source, double factor)
+        : in_(std::move(in)), source_(std::move(source)), factor_(factor) {}
+
+    // The next layer into `layer`; false at the end.
+    bool next(Layer &layer) {
+        if (store_) {
+            if (next_ == store_->size()) return false;
+            store_->get(next_++, layer);
+            return true;
+        }
+        if (model_) {
+            if (next_ == model_->layers.size()) return false;
+            layer = model_->layers[next_++];
+        } else if (!source_->next_layer(layer)) {
+            return false;
+        }
+        if (factor_ != 1.0) {
+            Bounds unused = empty_bounds();
+            scale(layer, factor_, unused);
+        }
+        return true;
+    }
+    // The source of a second reading (null otherwise) and its input.
+    const LayerSource *source() const { return source_.get(); }
+    const ByteInput *input() const { return in_.get(); }
+
+  private:
+    const LayerStore *store_ = nullptr;
+    const Model *model_ = nullptr;
+    std::unique_ptr<ByteInput> in_;
+    std::unique_ptr<LayerSource> source_;
+    double factor_ = 1.0;
+    std::size_t next_ = 0;
+};
+
 Translation::Translation(const TranslateOptions &options, DiagnosticSink sink,
                          FormatFactories formats)
     : options_(options), sink_(std::move(sink)), formats_(std::move(formats)) {}
@@ -112,6 +194,18 @@ bool Translation::options_valid() {
     reporter_.error("the output unit must be a positive number of millimetres, not " +
                     g(options_.unit_mm));
     return false;
+}
+
+std::uint64_t Translation::memory_budget() {
+    if (options_.memory_budget != 0) return options_.memory_budget;
+    const char *text = std::getenv("LAYTRAN_MEMORY");
+    if (text && *text) {
+        if (std::optional<std::uint64_t> v = parse_memory_size(text)) return *v;
+        reporter_.warning(std::string("LAYTRAN_MEMORY is not a size in bytes (K, M, G or T may "
+                                      "follow the number): ") +
+                          text + "; half the physical memory is used");
+    }
+    return default_memory_budget();
 }
 
 std::unique_ptr<LayerSource> Translation::open_source(ByteInput &in) {
@@ -144,13 +238,15 @@ std::unique_ptr<LayerSink> Translation::open_sink(ByteOutput &out) {
 
 void Translation::progress(const ByteInput *in, const ByteOutput *out, bool force) {
     if (!options_.progress) return;
-    const std::uint64_t read = in ? in->offset() : 0, written = out ? out->offset() : 0;
+    const std::uint64_t read = read_before_ + (in ? in->offset() : 0),
+                        written = out ? out->offset() : 0;
     if (!force && read + written < progress_mark_ + progress_step) return;
     progress_mark_ = read + written;
-    options_.progress(read, in && in->size_known() ? in->size() : 0, written);
+    const std::uint64_t total = in && in->size_known() ? in->size() * readings_ : 0;
+    options_.progress(read, total, written);
 }
 
-bool Translation::load(LayerSource &source, ByteInput &in, const ByteOutput *out) {
+bool Translation::load(LayerSource &source, ByteInput &in) {
     model_ = Model{};
     bool ok = true;
     try {
@@ -158,7 +254,7 @@ bool Translation::load(LayerSource &source, ByteInput &in, const ByteOutput *out
         while (source.next_layer(layer)) {
             model_.layers.push_back(std::move(layer));
             layer = Layer{};
-            progress(&in, out, false);
+            progress(&in, nullptr, false);
         }
     } catch (const std::bad_alloc &) {
         input_failure_ = no_memory();
@@ -170,8 +266,69 @@ bool Translation::load(LayerSource &source, ByteInput &in, const ByteOutput *out
         input_failure_ = no_memory();
         ok = false;
     }
-    progress(&in, out, true);
+    progress(&in, nullptr, true);
     return ok;
+}
+
+// The first reading: every layer converted to the output unit, its level,
+// bounds and counts taken, and the layer kept in `store` (when given) while
+// the store stays within `budget`; past it the store is emptied and the
+// layers are to be read again. False when memory ran out.
+bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &out,
+                         LayerStore *store, std::uint64_t budget, Survey &s) {
+    bool ok = true;
+    s.kept = store != nullptr;
+    try {
+        Layer layer;
+        while (source.next_layer(layer)) {
+            if (s.counts.layers == 0) {
+                // The unit is known with the first layer.
+                s.unit = output_unit(source.header().unit_mm);
+                s.factor = source.header().unit_mm / s.unit;
+                if (s.kept && s.reread_binary && binary_input(source.header())) {
+                    s.kept = false;
+                    readings_ = 2;
+                }
+            }
+            if (!scale(layer, s.factor, s.bounds, s.kept) && s.bad_layer == SIZE_MAX)
+                s.bad_layer = s.counts.layers;
+            add_counts(s.counts, layer);
+            s.levels.push_back(layer.z);
+            if (s.kept && (!store->append(layer) || store->bytes() > budget)) {
+                store->clear();
+                s.kept = false;
+                readings_ = 2;
+                if (budget == UINT64_MAX) throw std::bad_alloc();
+            }
+            progress(&in, &out, false);
+        }
+        s.header = source.header();
+        if (s.counts.layers == 0) {
+            s.unit = output_unit(s.header.unit_mm);
+            s.factor = s.header.unit_mm / s.unit;
+        }
+    } catch (const std::bad_alloc &) {
+        input_failure_ = no_memory();
+        ok = false;
+    }
+    progress(&in, &out, true);
+    return ok;
+}
+
+// The layers once more: from the store when they were kept, else from a
+// second reading of the input. Null (after the failure was noted) when the
+// input cannot be read again.
+std::unique_ptr<Translation::Replay> Translation::replay(InputBytes &input, LayerStore *store,
+                                                         double factor) {
+    if (store) return std::make_unique<Replay>(*store);
+    std::unique_ptr<ByteInput> in = input.open();
+    if (!in) {
+        input_failure_ = read_error(errno);
+        return nullptr;
+    }
+    std::unique_ptr<LayerSource> source = open_source(*in);
+    if (!source) return nullptr;
+    return std::make_unique<Replay>(std::move(in), std::move(source), factor);
 }
 
 double Translation::output_unit(double input_unit) const {
@@ -181,9 +338,10 @@ double Translation::output_unit(double input_unit) const {
     return inch_mm;
 }
 
-// Warns about negative coordinates and, when asked, moves the model. False
+// Warns about negative coordinates and, when asked, plans the move. False
 // (after the message) when the move takes a value beyond float range.
-bool Translation::place(Bounds &b) {
+bool Translation::place(Survey &s, InputBytes &input, LayerStore *store) {
+    Bounds &b = s.bounds;
     reporter_.warning("model is not entirely in the positive quadrant");
     if (!options_.move_positive && !needs_positive(options_.output)) {
         reporter_.info("the minimum xyz-coordinates are " + g(b.xmin) + ", " + g(b.ymin) +
@@ -194,13 +352,24 @@ bool Translation::place(Bounds &b) {
     const double dx = b.xmin < 0.0 ? -b.xmin : 0.0;
     const double dy = b.ymin < 0.0 ? -b.ymin : 0.0;
     const double dz = b.zmin < 0.0 ? -b.zmin : 0.0;
-    const std::size_t bad = move(model_, dx, dy, dz);
     reporter_.info("moving the model by XYZ=+" + g(dx) + ",+" + g(dy) + ",+" + g(dz));
-    if (bad < model_.layers.size()) {
+    if (!movable(b, dx, dy, dz)) {
+        // Which layer: the first whose move fails.
+        std::size_t bad = 0;
+        if (std::unique_ptr<Replay> layers = replay(input, store, s.factor)) {
+            Layer layer;
+            while (layers->next(layer) && move(layer, dx, dy, dz))
+                bad++;
+        }
         reporter_.error("moving the model makes a coordinate of layer " + std::to_string(bad + 1) +
                         " infinite");
         return false;
     }
+    s.moving = true;
+    s.dx = dx;
+    s.dy = dy;
+    s.dz = dz;
+    move(s.levels, dz);
     b.xmin += dx;
     b.xmax += dx;
     b.ymin += dy;
@@ -212,40 +381,50 @@ bool Translation::place(Bounds &b) {
     return true;
 }
 
-OutputPlan Translation::plan(const Model &model, const Bounds &bounds, double unit) const {
+OutputPlan Translation::plan(const Survey &s) const {
     OutputPlan plan;
-    plan.layer_count = model.layers.size();
-    plan.levels.reserve(model.layers.size());
-    for (const Layer &layer : model.layers)
-        plan.levels.push_back(layer.z);
-    plan.bounds = bounds;
-    plan.counts = count(model);
-    plan.unit_mm = unit;
+    plan.layer_count = s.counts.layers;
+    plan.levels = s.levels;
+    plan.bounds = s.bounds;
+    plan.counts = s.counts;
+    plan.unit_mm = s.unit;
     plan.unit_given = options_.unit_mm > 0.0;
-    plan.source = &model.header;
+    plan.source = &s.header;
     plan.cli_header = options_.cli_header;
     return plan;
 }
 
-// Hands the layers to the sink, each multiplied by `factor` first unless it
-// is 1, then the sink's remarks. False when the sink stopped.
-bool Translation::write_layers(LayerSink &sink, const OutputPlan &plan, const Model &model,
-                               double factor, const ByteInput *in, ByteOutput &out) {
-    bool ok = false;
+// Hands the layers to the sink, moved as `s` says and reversed as the
+// options say, then the sink's remarks. With `verify`, the layers come from
+// a second reading, which must give those of the first (`s`): a difference
+// stops the writing and fails the run. False when the writing stopped.
+bool Translation::write_layers(LayerSink &sink, const OutputPlan &plan, Replay &layers,
+                               const Survey &s, bool verify, const ByteInput *in, ByteOutput &out) {
+    bool ok = false, same = true;
     try {
         if (sink.begin(plan)) {
-            Layer scaled;
-            Bounds unused = empty_bounds();
+            Layer layer;
+            Counts seen;
             ok = true;
-            for (std::size_t i = 0; ok && i < model.layers.size(); i++) {
-                if (factor == 1.0) {
-                    ok = sink.write_layer(model.layers[i]);
-                } else {
-                    scaled = model.layers[i];
-                    scale(scaled, factor, unused);
-                    ok = sink.write_layer(scaled);
+            for (std::size_t i = 0; ok && layers.next(layer); i++) {
+                if (verify) add_counts(seen, layer);
+                if (s.moving) move(layer, s.dx, s.dy, s.dz);
+                if (options_.reverse) reverse(layer, options_.reverse_directions);
+                if (verify && (i >= plan.levels.size() || layer.z != plan.levels[i])) {
+                    same = ok = false;
+                    break;
                 }
+                ok = sink.write_layer(layer);
                 progress(in, &out, false);
+            }
+            if (ok && verify) {
+                const Counts &n = s.counts;
+                same = ok = seen.layers == n.layers && seen.points == n.points &&
+                            seen.part_contours == n.part_contours &&
+                            seen.open_polylines == n.open_polylines &&
+                            seen.hatch_blocks == n.hatch_blocks &&
+                            seen.support_contours == n.support_contours &&
+                            seen.web_contours == n.web_contours;
             }
             if (ok) sink.report_run_end(reporter_);
         }
@@ -253,8 +432,12 @@ bool Translation::write_layers(LayerSink &sink, const OutputPlan &plan, const Mo
         output_failure_ = no_memory();
         ok = false;
     }
-    // A sink that stopped without saying why ran out of memory.
-    if (!ok && !sink.error() && !output_failure_) output_failure_ = no_memory();
+    if (!same) {
+        input_failure_ = read_error(0, "the input file changed while it was read");
+    } else if (!ok && !sink.error() && !output_failure_) {
+        // A sink that stopped without saying why ran out of memory.
+        output_failure_ = no_memory();
+    }
     return ok;
 }
 
@@ -296,6 +479,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     input_name_ = input.name();
     output_name_ = output_name;
     if (!options_valid()) return false;
+    const std::uint64_t budget = memory_budget();
     std::unique_ptr<ByteInput> in = input.open();
     if (!in) {
         reporter_.error("error reading input file (read error)");
@@ -306,7 +490,16 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     std::unique_ptr<LayerSink> sink = open_sink(out);
     if (!sink) return false;
 
-    bool loaded = load(*source, *in, &out);
+    // The layers are kept for the writing unless an input that can be read
+    // again would not fit the budget.
+    const bool again = input.rereadable();
+    const bool keep = !again || !in->size_known() || estimated_model(in->size()) <= budget;
+    LayerStore store;
+    Survey s;
+    s.reread_binary = again && in->size_known() && in->size() >= reread_binary_size;
+    readings_ = keep ? 1 : 2;
+    bool loaded =
+        survey(*source, *in, out, keep ? &store : nullptr, again ? budget : UINT64_MAX, s);
     if (loaded) source->report_read_end(reporter_);
     // An SLC or FDM input that failed to read is reported now, and nothing
     // is written; a CLI input writes what was read and is reported at the
@@ -314,26 +507,34 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     const bool cli_input = options_.input == InputFormat::cli;
     if (loaded && !cli_input) loaded = check(source.get(), sink.get());
 
+    LayerStore *kept = s.kept ? &store : nullptr;
+    const LayerSource *reading = source.get(); // whose errors the run reports
+    const ByteInput *last_in = in.get();       // the input as read last
+    std::unique_ptr<Replay> layers;            // the layers for the writing
     bool placed = true, begun = false;
     if (loaded) {
-        if (!holds_contours(model_) && !(cli_input && source->error()))
+        if (s.counts.layers == s.counts.empty_layers && !(cli_input && source->error()))
             reporter_.warning("the input holds no geometry");
-        const double unit = output_unit(model_.header.unit_mm);
-        const double factor = model_.header.unit_mm / unit;
-        Bounds bounds;
-        const std::size_t bad = scale(model_, factor, bounds);
-        if (bad < model_.layers.size()) {
-            reporter_.error("scaling by " + g(factor) +
-                            " to the output unit makes a coordinate of layer " +
-                            std::to_string(bad + 1) + " infinite (choose a larger unit with -U)");
+        if (s.bad_layer != SIZE_MAX) {
+            reporter_.error(
+                "scaling by " + g(s.factor) + " to the output unit makes a coordinate of layer " +
+                std::to_string(s.bad_layer + 1) + " infinite (choose a larger unit with -U)");
             placed = false;
-        } else if (is_negative(bounds)) {
-            placed = place(bounds);
+        } else if (is_negative(s.bounds)) {
+            placed = place(s, input, kept);
         }
-        if (placed && options_.reverse) reverse(model_, options_.reverse_directions);
         if (placed) {
-            begun = true;
-            write_layers(*sink, plan(model_, bounds, unit), model_, 1.0, in.get(), out);
+            if (!kept) read_before_ = in->offset();
+            layers = replay(input, kept, s.factor);
+            if (layers) {
+                begun = true;
+                if (layers->input()) last_in = layers->input();
+                if (!write_layers(*sink, plan(s), *layers, s, !kept, last_in, out) && !kept &&
+                    input_failure_)
+                    reading = layers->source(); // the second reading failed
+            } else {
+                reading = nullptr;
+            }
         }
     }
     // End the output now, so that a failure of its last write is reported
@@ -342,9 +543,9 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         output_failure_ = no_memory();
     if (!begun) out.finish();
     gaps_ = sink->gaps();
-    progress(in.get(), &out, true);
+    progress(last_in, &out, true);
     source->report_run_end(reporter_);
-    return check(source.get(), sink.get()) && placed;
+    return check(reading, sink.get()) && placed;
 }
 
 bool Translation::read(InputBytes &input) {
@@ -356,7 +557,7 @@ bool Translation::read(InputBytes &input) {
     }
     std::unique_ptr<LayerSource> source = open_source(*in);
     if (!source) return false;
-    if (load(*source, *in, nullptr)) source->report_read_end(reporter_);
+    if (load(*source, *in)) source->report_read_end(reporter_);
     source->report_run_end(reporter_);
     return check(source.get(), nullptr);
 }
@@ -366,22 +567,33 @@ bool Translation::write(const Model &model, ByteOutput &out, const std::string &
     if (!options_valid()) return false;
     std::unique_ptr<LayerSink> sink = open_sink(out);
     if (!sink) return false;
-    const double unit = output_unit(model.header.unit_mm);
-    const double factor = model.header.unit_mm / unit;
-    Bounds bounds;
-    const std::size_t bad = scaled_bounds(model, factor, bounds);
+    Survey s;
+    s.unit = output_unit(model.header.unit_mm);
+    s.factor = model.header.unit_mm / s.unit;
+    const std::size_t bad = scaled_bounds(model, s.factor, s.bounds);
     bool ready = false;
     if (bad < model.layers.size()) {
-        reporter_.error("scaling by " + g(factor) +
+        reporter_.error("scaling by " + g(s.factor) +
                         " to the output unit makes a coordinate of layer " +
                         std::to_string(bad + 1) + " infinite (choose a larger unit)");
-    } else if (needs_positive(options_.output) && is_negative(bounds)) {
+    } else if (needs_positive(options_.output) && is_negative(s.bounds)) {
         reporter_.error("the output form holds non-negative values only, but the minimum "
                         "xyz-coordinates are " +
-                        g(bounds.xmin) + ", " + g(bounds.ymin) + ", and " + g(bounds.zmin));
+                        g(s.bounds.xmin) + ", " + g(s.bounds.ymin) + ", and " + g(s.bounds.zmin));
     } else {
         ready = true;
-        write_layers(*sink, plan(model, bounds, unit), model, factor, nullptr, out);
+        OutputPlan p;
+        try {
+            s.counts = count(model);
+            for (const Layer &layer : model.layers)
+                s.levels.push_back(static_cast<float>(layer.z * s.factor));
+            p = plan(s);
+            p.source = &model.header;
+        } catch (const std::bad_alloc &) {
+            output_failure_ = no_memory();
+        }
+        Replay layers(model, s.factor);
+        if (!output_failure_) write_layers(*sink, p, layers, s, false, nullptr, out);
         if (!sink->finish() && !sink->error() && !output_failure_) output_failure_ = no_memory();
     }
     if (!ready) out.finish();

@@ -11,14 +11,25 @@
 // output unit of each form, the scaling and placement lines, the end-of-run
 // remarks in the order format_io.h gives, and the error lines at the end,
 // input before output. A read error of a CLI input still writes what was
-// read; an SLC or FDM input that fails to read is reported when the load
+// read; an SLC or FDM input that fails to read is reported when the reading
 // ends and again at the end, and nothing is written.
 //
-// Every run holds the whole model for now (TranslateOptions::memory_budget
-// is not used yet). A run over an input too large for memory fits the same
-// interface: a first pass with one source gathers the OutputPlan (layer
-// count, levels, bounds, counts), and a second source over the same input
-// (InputBytes::open again) feeds the sink one layer at a time.
+// A run reads the input once through, converting every layer to the output
+// unit as it comes and gathering what the output needs up front (the
+// OutputPlan: layer count, levels, bounds, counts, the input's header).
+// The converted layers are kept in a LayerStore while the model fits the
+// memory budget (TranslateOptions::memory_budget, else LAYTRAN_MEMORY, else
+// half the physical memory), and the writing takes them from there. An
+// input that can be read again (a regular file) whose model would not fit
+// (an estimate from its size decides up front, the store's real size on
+// the way) is read a second time instead, and each layer goes from the
+// source to the sink alone, so that the run holds one layer at a time. So
+// is a large binary input file (CLI or SLC), whose second reading costs
+// less than the fresh memory that keeping its layers would take. Both
+// ways send the same bytes and the same messages in the same order: the
+// messages of the input come from the first reading, and the second must
+// give the same layers again (a changed input fails the run). Standard
+// input and pipes keep every layer in memory.
 #pragma once
 
 #include <cstddef>
@@ -31,6 +42,7 @@
 
 #include "laytran/io.h"
 #include "translate/format_io.h"
+#include "translate/layer_store.h"
 
 namespace laytran {
 
@@ -48,6 +60,9 @@ class InputBytes {
     // file to that place; null when the input cannot be read again (a pipe,
     // a terminal) or the rewind failed.
     std::unique_ptr<ByteInput> open();
+    // Whether open() may be called again (memory and regular files); known
+    // once open() was called.
+    bool rereadable() const { return !stream_ && fd_ < 0 ? true : rereadable_; }
     // The name diagnostics give the input ("" when unknown).
     const std::string &name() const { return name_; }
 
@@ -96,7 +111,7 @@ class Translation {
     // form that holds only non-negative values refuses negative values.
     bool write(const Model &model, ByteOutput &output, const std::string &output_name = {});
 
-    // The model read (by run or read); after run, converted and placed.
+    // The model read by read() (run() keeps its layers elsewhere).
     const Model &model() const { return model_; }
     Model &model() { return model_; }
     // Gaps met in the contours written.
@@ -105,15 +120,22 @@ class Translation {
     std::uint64_t errors() const { return reporter_.errors(); }
 
   private:
+    struct Survey;
+    class Replay;
+
     bool options_valid();
+    std::uint64_t memory_budget();
     std::unique_ptr<LayerSource> open_source(ByteInput &in);
     std::unique_ptr<LayerSink> open_sink(ByteOutput &out);
-    bool load(LayerSource &source, ByteInput &in, const ByteOutput *out);
+    bool load(LayerSource &source, ByteInput &in);
+    bool survey(LayerSource &source, ByteInput &in, const ByteOutput &out, LayerStore *store,
+                std::uint64_t budget, Survey &s);
+    std::unique_ptr<Replay> replay(InputBytes &input, LayerStore *store, double factor);
     double output_unit(double input_unit) const;
-    bool place(Bounds &bounds);
-    OutputPlan plan(const Model &model, const Bounds &bounds, double unit) const;
-    bool write_layers(LayerSink &sink, const OutputPlan &plan, const Model &model, double factor,
-                      const ByteInput *in, ByteOutput &out);
+    bool place(Survey &s, InputBytes &input, LayerStore *store);
+    OutputPlan plan(const Survey &s) const;
+    bool write_layers(LayerSink &sink, const OutputPlan &plan, Replay &layers, const Survey &s,
+                      bool verify, const ByteInput *in, ByteOutput &out);
     bool check(const LayerSource *source, const LayerSink *sink);
     void report_stream_error(const char *what, const StreamError &e, const std::string &file,
                              bool located);
@@ -129,6 +151,10 @@ class Translation {
     // Failures the driver met itself (memory, or a sink that stopped
     // without saying why), reported like the streams' own errors.
     StreamError input_failure_, output_failure_;
+    // Progress: bytes of earlier readings of the input, and how many
+    // readings the run makes.
+    std::uint64_t read_before_ = 0;
+    int readings_ = 1;
     std::uint64_t progress_mark_ = 0;
 };
 

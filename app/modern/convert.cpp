@@ -12,6 +12,7 @@
 #include "app/modern/options.h"
 #include "app/modern/output.h"
 #include "laytran/io.h"
+#include "support/memory_budget.h"
 #include "support/system_error.h"
 
 namespace laytran::modern {
@@ -88,25 +89,10 @@ double parse_units(const std::string &text, OutputForm form) {
 
 // --memory: bytes, with K, M, G or T (powers of 1024) and an optional B or iB.
 std::uint64_t parse_size(const std::string &text) {
-    char *end = nullptr;
-    const double v = std::strtod(text.c_str(), &end);
-    std::string unit = end ? end : "";
-    for (char &c : unit) {
-        if (c >= 'a' && c <= 'z') c = static_cast<char>(c - ('a' - 'A'));
-    }
-    double scale = 1.0;
-    const char *units = "KMGT";
-    if (!unit.empty() && std::strchr(units, unit[0])) {
-        scale = std::pow(1024.0, static_cast<double>(std::strchr(units, unit[0]) - units + 1));
-        unit.erase(0, 1);
-        if (unit == "IB" || unit == "B") unit.clear();
-    } else if (unit == "B") {
-        unit.clear();
-    }
-    const double bytes = v * scale;
-    if (end == text.c_str() || !unit.empty() || !(bytes >= 1.0) || bytes > 1.8e19)
+    const auto bytes = parse_memory_size(text.c_str());
+    if (!bytes || *bytes == 0)
         throw UsageError("bad --memory '" + text + "' (a size such as 512M or 4G)");
-    return static_cast<std::uint64_t>(bytes);
+    return *bytes;
 }
 
 int run_convert(const std::vector<std::string> &words, Console &console) {

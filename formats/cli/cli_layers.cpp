@@ -8,7 +8,9 @@
 
 #include "formats/cli/cli_reader.h"
 #include "formats/cli/cli_writer.h"
+#include "support/helper_thread.h"
 #include "support/number_text.h"
+#include "support/two_ends.h"
 
 namespace laytran {
 
@@ -18,6 +20,8 @@ namespace {
 constexpr double unit_tolerance = 1.1920928955078125e-07;
 // The $$DIMENSION of the classic header, maximum corner first.
 constexpr double classic_frame = 60000.0;
+// Points of an ASCII layer from which two threads format it.
+constexpr std::size_t parallel_points = 4096;
 
 std::string g_text(double v) {
     char buf[NUMBER_TEXT_MAX];
@@ -59,7 +63,9 @@ class CliSource final : public LayerSource {
     }
 
     bool next_layer(Layer &layer) override {
-        layer.contours.clear();
+        // The contours of the layer given before are filled anew, so that
+        // their memory serves again.
+        std::size_t used = 0;
         layer.thickness = 0.0f;
         while (!done_) {
             // What opens the layer: a $$LAYER, or an element before any.
@@ -68,16 +74,18 @@ class CliSource final : public LayerSource {
             if (event == CliReader::Event::end) break;
             if (options_.check) open_places(event);
             layer.z = reader_.layer_z();
-            if (event == CliReader::Event::element) add(layer);
+            if (event == CliReader::Event::element) add(layer, used);
             while ((event = read()) == CliReader::Event::element)
-                add(layer);
+                add(layer, used);
             pending_layer_ = event == CliReader::Event::layer;
             update_variant();
-            if (!layer.contours.empty() || options_.keep_empty_layers) {
+            if (used > 0 || options_.keep_empty_layers) {
+                layer.contours.resize(used);
                 layers_out_++;
                 return true;
             }
         }
+        layer.contours.clear();
         update_variant();
         return false;
     }
@@ -153,16 +161,20 @@ class CliSource final : public LayerSource {
         places_.contour_short.clear();
     }
 
-    void add(Layer &layer) {
+    void add(Layer &layer, std::size_t &used) {
         if (options_.check) {
             places_.contours.push_back(reader_.command_offset());
             places_.contour_short.push_back(reader_.command_short());
         }
-        const ContourKind kind =
+        if (used == layer.contours.size()) layer.contours.emplace_back();
+        Contour &c = layer.contours[used++];
+        c.kind =
             element_.kind == CliElementKind::hatches ? ContourKind::hatches : ContourKind::part;
-        layer.contours.push_back(
-            Contour{kind, element_.id, element_.direction, 0, std::move(element_.points)});
-        element_.points.clear();
+        c.id = element_.id;
+        c.direction = element_.direction;
+        c.gaps = 0;
+        // The element takes the contour's old memory for the next one.
+        c.points.swap(element_.points);
     }
 
     void take_header() {
@@ -235,7 +247,9 @@ std::string label_text(std::string text) {
 class CliSink final : public LayerSink {
   public:
     CliSink(OutputForm form, ByteOutput &out, Reporter &reporter)
-        : writer_(out, form), reporter_(reporter) {}
+        : writer_(out, form), out_(out), reporter_(reporter),
+          ascii_(form == OutputForm::cli_ascii) {}
+    ~CliSink() override { helper_.wait(); }
 
     bool begin(const OutputPlan &plan) override {
         if (writer_.error() != CliError::none) return writer_failed(nullptr);
@@ -275,9 +289,41 @@ class CliSink final : public LayerSink {
         // The faithful header goes out with the first layer, which keeps
         // layers without elements.
         if (faithful_ && !writer_.write_header(true)) return writer_failed(nullptr);
-        for (const Contour &c : layer.contours) {
-            gaps_ += c.gaps;
-            if (!write_contour(c)) return false;
+        const std::vector<Contour> &contours = layer.contours;
+        if (!share(layer)) {
+            for (const Contour &c : contours) {
+                gaps_ += c.gaps;
+                if (!write_contour(writer_, c)) return false;
+            }
+            return true;
+        }
+        // This thread writes contours from the front while the helper
+        // formats them from the back; where the two met, the helper's texts
+        // follow in order, or (when it could not make them) its contours
+        // are written here.
+        bool ok = true;
+        for (std::size_t i = 0; ok && ends_.take_front(i);) {
+            gaps_ += contours[i].gaps;
+            ok = write_contour(writer_, contours[i]);
+        }
+        helper_.wait();
+        if (!ok) return false;
+        const std::size_t split = ends_.meeting(), count = contours.size() - split;
+        for (std::size_t i = split; i < contours.size(); i++)
+            gaps_ += contours[i].gaps;
+        if (helper_done_) {
+            // The helper's texts end at helper_ends_, the last contour's first.
+            for (std::size_t k = count; k-- > 0;) {
+                const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
+                out_.write(helper_text_.data() + from, helper_ends_[k] - from);
+            }
+            return writer_.check_output() || writer_failed(nullptr);
+        }
+        // A helper that failed starts afresh with the next layer.
+        helper_writer_.reset();
+        helper_out_.reset();
+        for (std::size_t i = split; i < contours.size(); i++) {
+            if (!write_contour(writer_, contours[i])) return false;
         }
         return true;
     }
@@ -296,7 +342,51 @@ class CliSink final : public LayerSink {
     std::uint64_t gaps() const override { return gaps_; }
 
   private:
-    bool write_contour(const Contour &c) {
+    // ASCII geometry of many points is formatted on two threads: whether
+    // the helper was handed the layer's contours to take from the back.
+    bool share(const Layer &layer) {
+        const std::vector<Contour> &contours = layer.contours;
+        if (!ascii_ || !writer_.header_written() || contours.size() < 2 ||
+            contours.size() > UINT32_MAX)
+            return false;
+        std::size_t points = 0;
+        for (const Contour &c : contours)
+            points += c.points.size();
+        if (points < parallel_points) return false;
+        if (!helper_writer_) {
+            try {
+                helper_out_.reset(new ByteOutput(&helper_text_));
+                helper_writer_.reset(new CliWriter(*helper_out_, OutputForm::cli_ascii));
+                helper_writer_->continue_geometry();
+            } catch (const std::bad_alloc &) {
+                helper_out_.reset();
+                helper_writer_.reset();
+                return false;
+            }
+        }
+        helper_done_ = false;
+        ends_.reset(contours.size());
+        helper_.run([this, &contours] {
+            try {
+                helper_text_.clear();
+                helper_ends_.clear();
+                const std::uint64_t base = helper_out_->offset();
+                bool ok = true;
+                for (std::size_t i = 0; ok && ends_.take_back(i);) {
+                    ok = write_contour(*helper_writer_, contours[i]);
+                    helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
+                }
+                helper_done_ = ok && helper_out_->flush();
+            } catch (const std::bad_alloc &) {
+            }
+        });
+        return true;
+    }
+
+    // A contour as one element, or split at its gap marks: each piece
+    // before a mark as it is, what follows the last mark when it holds two
+    // points or more.
+    bool write_contour(CliWriter &writer, const Contour &c) {
         const CliElementKind kind =
             c.kind == ContourKind::part ? CliElementKind::polyline : CliElementKind::hatches;
         const Point *p = c.points.data();
@@ -305,17 +395,19 @@ class CliSink final : public LayerSink {
             std::size_t start = 0;
             for (std::size_t i = 0; i < n; i++) {
                 if (!is_gap_mark(p[i])) continue;
-                if (!write_piece(kind, c, p + start, i - start)) return false;
+                if (!write_piece(writer, kind, c, p + start, i - start)) return false;
                 start = i + 1;
             }
             p += start;
             n -= start;
         }
-        return n <= 1 || write_piece(kind, c, p, n);
+        return n <= 1 || write_piece(writer, kind, c, p, n);
     }
 
-    bool write_piece(CliElementKind kind, const Contour &c, const Point *p, std::size_t n) {
-        if (writer_.write_element(kind, c.id, c.direction, p, n)) return true;
+    bool write_piece(CliWriter &writer, CliElementKind kind, const Contour &c, const Point *p,
+                     std::size_t n) {
+        if (writer.write_element(kind, c.id, c.direction, p, n)) return true;
+        if (&writer != &writer_) return false; // the helper's: written here again
         const Piece piece = {kind, c.id};
         return writer_failed(&piece);
     }
@@ -393,8 +485,18 @@ class CliSink final : public LayerSink {
     }
 
     CliWriter writer_;
+    ByteOutput &out_;
     Reporter &reporter_;
     StreamError error_;
+    // The second thread of ASCII geometry and what it formats into.
+    bool ascii_;
+    HelperThread helper_;
+    std::string helper_text_;
+    std::unique_ptr<ByteOutput> helper_out_;
+    std::unique_ptr<CliWriter> helper_writer_;
+    std::vector<std::size_t> helper_ends_; // where the helper's texts end
+    TwoEnds ends_;
+    bool helper_done_ = false;
     std::uint64_t gaps_ = 0;
     bool faithful_ = false;
     bool begun_ = false;

@@ -9,7 +9,10 @@
 #include <cstring>
 #include <new>
 
+#include "formats/point_bytes.h"
+#include "support/helper_thread.h"
 #include "support/number_text.h"
+#include "support/two_ends.h"
 
 namespace laytran {
 
@@ -40,6 +43,7 @@ namespace {
 using Keyword = CliKeyword;
 
 constexpr int eof = ByteInput::eof;
+constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 constexpr std::uint32_t keyword_capacity = 14;
 constexpr std::uint32_t number_capacity = 32;
 // Bytes looked at for a number that can be read in place.
@@ -55,8 +59,11 @@ constexpr std::uint32_t skipped_name = 32;
 constexpr std::uint64_t unknown_size_points = 256;
 // Data bytes of a $$USERDATA taken at once when the input size is unknown.
 constexpr std::size_t unknown_size_block = 4096;
-// Binary points converted in one run.
+// Binary points converted in one run, and the bytes of ASCII points looked
+// at in one.
 constexpr std::size_t run_points = 4096;
+constexpr std::size_t ascii_run_bytes = 16384;
+static_assert(sizeof(Point) == 8, "a point is two floats");
 
 // Binary commands.
 enum : std::uint32_t {
@@ -534,7 +541,6 @@ bool CliReader::skip_command(std::string &name) {
             break;
         }
     }
-    count_skipped(name);
     return true;
 }
 
@@ -566,7 +572,10 @@ CliKeyword CliReader::ascii_keyword() {
     const KeywordName *k = find_keyword(token);
     if (!k) {
         std::string name = token;
-        if (header_read_ && skip_command(name)) return Keyword::skipped;
+        if (header_read_ && skip_command(name)) {
+            skipped_name_ = std::move(name);
+            return Keyword::skipped;
+        }
         bad_token_ = "$$" + name;
         return refuse(CliError::keyword);
     }
@@ -821,11 +830,11 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
     n = std::min(n, run_points);
     const std::uint8_t *p = in_.contiguous(n * size);
     if (!p) return 0;
-    const std::size_t at = e.points.size();
-    e.points.resize(at + n);
-    Point *to = e.points.data() + at;
     std::size_t done = 0;
     if (short_) {
+        const std::size_t at = e.points.size();
+        e.points.resize(at + n);
+        Point *to = e.points.data() + at;
         const bool sx = signed_axes_ & 1, sy = signed_axes_ & 2;
         for (; done < n; done++, p += 4) {
             const std::uint32_t x = p[0] | static_cast<std::uint32_t>(p[1]) << 8;
@@ -837,15 +846,93 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
         }
         if (sx || sy) signed_read_ = true;
     } else {
-        for (; done < n; done++, p += 8) {
-            const std::uint32_t x = load_u32(p), y = load_u32(p + 4);
-            if (!finite_bits(x) || !finite_bits(y)) break;
-            std::memcpy(&to[done].x, &x, 4);
-            std::memcpy(&to[done].y, &y, 4);
+        // The values are checked all at once, then copied as they stand: a
+        // point in memory is the two little-endian floats of the file.
+        std::uint32_t infinite = 0;
+        for (std::size_t k = 0; k < 2 * n; k++)
+            infinite |= !finite_bits(load_u32(p + 4 * k));
+        if (infinite) {
+            while (finite_bits(load_u32(p + 8 * done)) && finite_bits(load_u32(p + 8 * done + 4)))
+                done++;
+        } else {
+            done = n;
+        }
+        if (little_endian) {
+            e.points.insert(e.points.end(), PointBytes(p), PointBytes(p + done * size));
+        } else {
+            for (std::size_t k = 0; k < done; k++) {
+                const std::uint32_t x = load_u32(p + 8 * k), y = load_u32(p + 8 * k + 4);
+                Point q;
+                std::memcpy(&q.x, &x, 4);
+                std::memcpy(&q.y, &y, 4);
+                e.points.push_back(q);
+            }
         }
     }
-    e.points.resize(at + done);
     in_.skip(done * size);
+    return done;
+}
+
+// Up to n ASCII points read straight from the input's block, each value as
+// ascii_real reads it when its text stands plainly: blanks, the number's
+// own bytes, blanks and the "," behind it. A point whose values do not all
+// stand so, or do not convert to finite floats, ends the run before it,
+// for the value-by-value path to read. The number of points taken.
+std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
+    if (error_ != CliError::none) return 0;
+    // Near the end of the input, the bytes left.
+    std::size_t bytes = ascii_run_bytes;
+    const std::uint8_t *start = in_.contiguous(bytes);
+    if (!start) {
+        bytes = in_.available();
+        if (bytes <= number_window) return 0;
+        start = in_.contiguous(bytes);
+    }
+    // Each value is decided within the same window as number_token's.
+    const std::uint8_t *const stop = start + bytes - number_window;
+    n = std::min(n, ascii_run_bytes / 4);
+    // The points go to the element once read: the densest text ("1,1,")
+    // would need n of them, the usual one holds a quarter of that.
+    Point to[ascii_run_bytes / 4];
+    const std::uint8_t *p = start;
+    std::size_t done = 0;
+    while (done < n) {
+        const std::uint8_t *q = p;
+        float xy[2];
+        double v = 0.0;
+        int k = 0;
+        for (; k < 2; k++) {
+            while (q < stop && !byte_class.significant[*q])
+                q++;
+            if (q >= stop) break;
+            // A value written plainly, with its "," right behind it.
+            if (const std::size_t plain = scan_plain_decimal(q, &v); plain && q[plain] == ',') {
+                xy[k] = static_cast<float>(v);
+                q += plain + 1;
+                continue;
+            }
+            // The value, then the rest of the token, the blanks and the ",".
+            const char *text = reinterpret_cast<const char *>(q);
+            std::size_t len = scan_exact_decimal(text, text + number_capacity, &v);
+            const bool exact = len > 0;
+            while (len < number_capacity && byte_class.number[q[len]])
+                len++;
+            std::size_t end = len;
+            while (end < number_window && !byte_class.significant[q[end]])
+                end++;
+            if (len == 0 || len >= number_capacity || end >= number_window || q[end] != ',') break;
+            if (!exact && (scan_double(text, text + len, &v) == 0 || !std::isfinite(v))) break;
+            const float f = to_f32(v);
+            if (!std::isfinite(f)) break;
+            xy[k] = f;
+            q += end + 1;
+        }
+        if (k < 2) break;
+        to[done++] = {xy[0], xy[1]};
+        p = q;
+    }
+    e.points.insert(e.points.end(), to, to + done);
+    in_.skip(static_cast<std::size_t>(p - start));
     return done;
 }
 
@@ -854,13 +941,13 @@ bool CliReader::read_points(CliElement &e, std::uint32_t count) {
     if (eof_crossed_) return fail(CliError::eof);
     std::size_t i = 0;
     while (i < count) {
-        if (i >= e.points.capacity() && !reserve_from(e, count, i)) return false;
-        if (binary_) {
-            const std::size_t room = std::min<std::size_t>(count, e.points.capacity()) - i;
-            if (const std::size_t done = binary_run(e, room)) {
-                i += done;
-                continue;
-            }
+        // The first call checks the count against the input, whatever room
+        // the array has from earlier elements.
+        if ((i == 0 || i >= e.points.capacity()) && !reserve_from(e, count, i)) return false;
+        const std::size_t room = std::min<std::size_t>(count, e.points.capacity()) - i;
+        if (const std::size_t done = binary_ ? binary_run(e, room) : ascii_run(e, room)) {
+            i += done;
+            continue;
         }
         Point p;
         if (!read_real(p.x, 0, false) || !read_real(p.y, 1, header_.aligned)) {
@@ -908,6 +995,7 @@ CliReader::Event CliReader::next(CliElement &element) {
     silent_stop_ = false;
     if (finished_) return Event::end;
     if (!header_read_ && !read_header()) return finish();
+    if (Event event; ahead_event(element, event)) return event;
     if (at_end()) return finish();
     for (;;) {
         switch (read_keyword()) {
@@ -929,10 +1017,266 @@ CliReader::Event CliReader::next(CliElement &element) {
             if (read_layer()) return Event::layer;
             if (recover()) continue;
             return finish();
+        case Keyword::skipped:
+            count_skipped(skipped_name_);
+            break;
         default:
             break;
         }
         if (at_end()) return finish();
+    }
+}
+
+// Reading on two threads
+
+// An event read ahead: a layer, an element or an unknown command passed
+// over, and where its command began from the start of its piece.
+struct CliReader::AheadEvent {
+    enum Kind : std::uint8_t { layer, element, skipped };
+    Kind kind = layer;
+    float z = 0.0f;
+    std::uint64_t at = 0;
+    CliElement item;
+    std::string name;
+};
+
+// Whole commands from where one begins up to where the next piece's begins.
+struct CliReader::AheadPiece {
+    std::size_t begin = 0, end = 0; // in the window
+    std::vector<AheadEvent> events; // [0, count) read, the rest kept for their memory
+    std::size_t count = 0;
+    std::size_t consumed = 0; // bytes up to the end of the last event's command
+    bool complete = false;    // nothing else up to the end
+};
+
+// Geometry text at hand in the input's block, cut into pieces.
+struct CliReader::AheadWindow {
+    const std::uint8_t *data = nullptr;
+    std::uint64_t base = 0; // the input offset of data[0]
+    std::vector<AheadPiece> pieces;
+    std::size_t count = 0; // pieces in use
+    TwoEnds ends;
+};
+
+// Two windows: one whose events are handed out while the helper reads the
+// other. A window's bytes stay untouched in the block while it is read: the
+// input is not read from until it has been collected.
+struct CliReader::Ahead {
+    HelperThread helper;
+    AheadWindow windows[2];
+    AheadWindow *reading = nullptr;   // handed to the helper, not yet collected
+    AheadWindow *replaying = nullptr; // events handed out from [piece, used)
+    std::size_t piece = 0, event = 0, used = 0;
+};
+
+CliReader::CliReader(ByteInput &in) : in_(in) {}
+
+CliReader::~CliReader() {
+    if (ahead_ && ahead_->reading) ahead_->helper.wait();
+}
+
+namespace {
+
+// Where commands begin at a line start ("$$" behind a line feed) in the
+// window data: the first in [from, end) (end when none; 1 <= from, end + 2
+// <= the window's size), and the last in the window of `size` bytes (0 when
+// none).
+std::size_t next_cut(const std::uint8_t *data, std::size_t from, std::size_t end) {
+    for (std::size_t i = from; i < end; i++) {
+        const void *line = std::memchr(data + i - 1, '\n', end - i);
+        if (!line) break;
+        i = static_cast<std::size_t>(static_cast<const std::uint8_t *>(line) - data) + 1;
+        if (data[i] == '$' && data[i + 1] == '$') return i;
+    }
+    return end;
+}
+
+std::size_t last_cut(const std::uint8_t *data, std::size_t size) {
+    for (std::size_t n = size - 2; n > 0;) {
+        const void *line = memrchr(data, '\n', n);
+        if (!line) break;
+        n = static_cast<std::size_t>(static_cast<const std::uint8_t *>(line) - data);
+        if (data[n + 1] == '$' && data[n + 2] == '$') return n + 1;
+    }
+    return 0;
+}
+
+} // namespace
+
+// The next event read ahead, reading ahead when it can; false when this
+// thread reads on alone.
+bool CliReader::ahead_event(CliElement &element, Event &event) {
+    if (!ahead_ && (check_ || binary_ || in_.offset() < retry_at_)) return false;
+    for (;;) {
+        if (ahead_ && ahead_->replaying && replay(element, event)) return true;
+        if (ahead_ && ahead_->reading) {
+            collect_ahead();
+            continue;
+        }
+        if (!launch_ahead()) return false;
+    }
+}
+
+bool CliReader::replay(CliElement &element, Event &event) {
+    Ahead &a = *ahead_;
+    AheadWindow &w = *a.replaying;
+    for (; a.piece < a.used; a.piece++, a.event = 0) {
+        AheadPiece &p = w.pieces[a.piece];
+        while (a.event < p.count) {
+            AheadEvent &e = p.events[a.event++];
+            command_at_ = w.base + p.begin + e.at;
+            switch (e.kind) {
+            case AheadEvent::skipped:
+                count_skipped(e.name);
+                continue;
+            case AheadEvent::layer:
+                layer_z_ = e.z;
+                layers_read_++;
+                event = Event::layer;
+                return true;
+            case AheadEvent::element:
+                element.kind = e.item.kind;
+                element.id = e.item.id;
+                element.direction = e.item.direction;
+                // The caller's array serves a later piece.
+                element.points.swap(e.item.points);
+                event = Event::element;
+                return true;
+            }
+        }
+    }
+    a.replaying = nullptr;
+    return false;
+}
+
+// Cuts the geometry text at hand into pieces and hands them to the helper
+// and this thread, when there is enough of it.
+bool CliReader::launch_ahead() {
+    if (check_ || binary_ || !header_read_ || finished_ || error_ != CliError::none || io_failed_ ||
+        parallel_min_ == SIZE_MAX)
+        return false;
+    const std::uint64_t at = in_.offset();
+    if (at < retry_at_ || !in_.settle_pushback()) return false;
+    std::size_t size = in_.available();
+    // A file is read on for a full window; a pipe gives what it has.
+    if (size < parallel_min_ && in_.size_known() && !in_.at_end() && in_.contiguous(parallel_min_))
+        size = in_.available();
+    if (size < parallel_min_ || size < number_window) {
+        retry_at_ = at + std::max<std::size_t>(size, 1);
+        return false;
+    }
+    // A window of at most four times that (memory gives the whole input at
+    // hand), in pieces of a sixteenth of it: small enough for the two
+    // threads to end close together.
+    if (size / 4 > parallel_min_) size = 4 * parallel_min_;
+    const std::uint8_t *data = in_.contiguous(size);
+    // The text up to the last command that begins in the window.
+    const std::size_t end = last_cut(data, size);
+    const std::size_t piece_bytes = std::max<std::size_t>(parallel_min_ / 16, 1);
+    if (end < 2 * piece_bytes) {
+        retry_at_ = at + (end > 0 ? end : size);
+        return false;
+    }
+    try {
+        if (!ahead_) ahead_.reset(new Ahead);
+        Ahead &a = *ahead_;
+        AheadWindow &w = a.windows[a.replaying == &a.windows[0] ? 1 : 0];
+        w.data = data;
+        w.base = at;
+        w.count = 0;
+        for (std::size_t begin = 0; begin < end;) {
+            const std::size_t cut = next_cut(data, std::min(begin + piece_bytes, end), end);
+            if (w.count == w.pieces.size()) w.pieces.emplace_back();
+            w.pieces[w.count].begin = begin;
+            w.pieces[w.count++].end = cut;
+            begin = cut;
+        }
+        w.ends.reset(w.count);
+        a.helper.run([&w] {
+            for (std::size_t i; w.ends.take_back(i);)
+                read_piece(w, i);
+        });
+        a.reading = &w;
+    } catch (const std::bad_alloc &) {
+        retry_at_ = at + end;
+        return false;
+    }
+    return true;
+}
+
+// This thread's share of the pieces, then the helper's; the events up to
+// the first piece that did not read to its end are handed out, and the
+// input goes on behind them. The next window is cut at once when all went.
+void CliReader::collect_ahead() {
+    Ahead &a = *ahead_;
+    AheadWindow &w = *a.reading;
+    for (std::size_t i; w.ends.take_front(i);)
+        read_piece(w, i);
+    a.helper.wait();
+    a.reading = nullptr;
+    std::size_t used = 0, taken = 0;
+    bool complete = true;
+    while (complete && used < w.count) {
+        const AheadPiece &p = w.pieces[used++];
+        complete = p.complete;
+        taken = complete ? p.end : p.begin + p.consumed;
+    }
+    in_.skip(taken);
+    a.replaying = &w;
+    a.piece = a.event = 0;
+    a.used = used;
+    // What stopped the piece is read by this thread alone.
+    if (!complete)
+        retry_at_ = w.base + taken + 1;
+    else
+        launch_ahead();
+}
+
+// Piece i of the window, read by a reader of its own (on either thread).
+void CliReader::read_piece(AheadWindow &w, std::size_t i) {
+    AheadPiece &p = w.pieces[i];
+    p.count = p.consumed = 0;
+    p.complete = false;
+    try {
+        ByteInput in(w.data + p.begin, p.end - p.begin);
+        CliReader reader(in);
+        reader.read_piece_commands(p, w.data + p.begin, p.end - p.begin);
+    } catch (const std::bad_alloc &) {
+        p.complete = false; // the events read so far stand
+    }
+}
+
+void CliReader::read_piece_commands(AheadPiece &piece, const std::uint8_t *data, std::size_t size) {
+    header_read_ = true;
+    for (;;) {
+        const std::size_t at = static_cast<std::size_t>(in_.offset());
+        piece.consumed = at;
+        std::size_t k = at;
+        while (k < size && !byte_class.significant[data[k]])
+            k++;
+        if (k == size) {
+            piece.complete = true;
+            return;
+        }
+        if (piece.count == piece.events.size()) piece.events.emplace_back();
+        AheadEvent &e = piece.events[piece.count];
+        const Keyword code = read_keyword();
+        e.at = command_at_;
+        bool ok = false;
+        if (code == Keyword::polyline || code == Keyword::hatches) {
+            e.kind = AheadEvent::element;
+            ok = code == Keyword::polyline ? read_polyline(e.item) : read_hatches(e.item);
+        } else if (code == Keyword::layer) {
+            e.kind = AheadEvent::layer;
+            ok = read_layer();
+            e.z = layer_z_;
+        } else if (code == Keyword::skipped) {
+            e.kind = AheadEvent::skipped;
+            e.name = skipped_name_;
+            ok = true;
+        }
+        if (!ok || error_ != CliError::none || silent_stop_) return;
+        piece.count++;
     }
 }
 

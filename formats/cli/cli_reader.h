@@ -13,10 +13,21 @@
 //   signed when $$DIMENSION declares a negative minimum for the axis.
 // A count read from the file never reserves more points than the rest of
 // the input can hold.
+//
+// Large runs of ASCII geometry are read on two threads (not in check mode):
+// when the input's block holds at least parallel_min() bytes of it, they
+// are cut where commands begin ("$$" at a line start) into pieces, which
+// this thread takes from the front and a helper from the back, each piece
+// read by a reader of its own into a list of events. The lists are then
+// handed out in order up to the first piece that met anything but whole
+// layers, elements and skipped commands up to its end (an error, the end of
+// the geometry, a header keyword); from there this thread reads on alone.
+// The events, errors and their places are those of reading alone.
 #pragma once
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -76,7 +87,8 @@ class CliReader {
     enum class Event { layer, element, end };
 
     // Reads from `in`, which must outlive the reader.
-    explicit CliReader(ByteInput &in) : in_(in) {}
+    explicit CliReader(ByteInput &in);
+    ~CliReader();
     CliReader(const CliReader &) = delete;
     CliReader &operator=(const CliReader &) = delete;
 
@@ -121,8 +133,18 @@ class CliReader {
     bool short_form_seen() const { return short_seen_; }
     const std::vector<CliSkipped> &skipped() const { return skipped_; }
 
+    // The bytes of ASCII geometry at hand from which two threads read them
+    // (SIZE_MAX: never).
+    static constexpr std::size_t default_parallel_min = std::size_t(1) << 18;
+    void set_parallel_min(std::size_t bytes) { parallel_min_ = bytes; }
+    std::size_t parallel_min() const { return parallel_min_; }
+
   private:
     using Keyword = CliKeyword;
+    struct AheadEvent;
+    struct AheadPiece;
+    struct AheadWindow;
+    struct Ahead;
 
     int getc() {
         int c = in_.get();
@@ -165,10 +187,18 @@ class CliReader {
     bool read_header();
     bool reserve_from(CliElement &e, std::uint64_t count, std::size_t i);
     std::size_t binary_run(CliElement &e, std::size_t n);
+    std::size_t ascii_run(CliElement &e, std::size_t n);
     bool read_points(CliElement &e, std::uint32_t count);
     bool read_polyline(CliElement &e);
     bool read_hatches(CliElement &e);
     bool read_layer();
+    // Reading on two threads (cli_reader.cpp).
+    bool ahead_event(CliElement &element, Event &event);
+    bool replay(CliElement &element, Event &event);
+    bool launch_ahead();
+    void collect_ahead();
+    static void read_piece(AheadWindow &w, std::size_t i);
+    void read_piece_commands(AheadPiece &piece, const std::uint8_t *data, std::size_t size);
 
     ByteInput &in_;
     CliHeaderInfo header_;
@@ -191,6 +221,11 @@ class CliReader {
     bool short_seen_ = false;
     std::size_t fast_skip_ = 0; // bytes the number just scanned in place leaves behind it
     std::vector<CliSkipped> skipped_;
+    std::string skipped_name_; // of the unknown command just passed over
+    // Reading on two threads.
+    std::size_t parallel_min_ = default_parallel_min;
+    std::uint64_t retry_at_ = 0; // no pieces cut before this offset
+    std::unique_ptr<Ahead> ahead_;
     // Check mode.
     std::function<void(const CliProblem &)> check_;
     std::uint64_t command_at_ = 0;

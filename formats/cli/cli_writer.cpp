@@ -26,6 +26,7 @@ enum : std::uint32_t {
 
 // Binary points formatted in one go.
 constexpr std::size_t run_points = 1024;
+constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
 
 // A real in a 16-bit field: its fraction is cut off and the integer must
 // lie in 0 to 65535 (never wrapped).
@@ -74,7 +75,9 @@ CliWriter::CliWriter(ByteOutput &out, OutputForm form)
 
 bool CliWriter::fail(CliError code) {
     if (error_ == CliError::none) {
-        // A failed write before this error is what the output saw first.
+        // A failed write before this error is what the output saw first
+        // (once every byte handed on is known to be written or not).
+        out_.settle();
         if (out_.failed()) code = CliError::write;
         error_ = code;
         system_error_ = cli_error_has_errno(code) ? out_.error_number() : 0;
@@ -241,17 +244,23 @@ bool CliWriter::check_element(bool hatches, std::uint32_t id, std::uint32_t dire
 void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
     if (!binary_) {
         text(",");
-        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2;
+        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2, batch = 64;
         char local[room];
-        for (std::size_t i = 0; i < count; i++) {
-            char *buf = out_.reserve(room);
+        for (std::size_t i = 0; i < count;) {
+            // A batch of points in place, or one point through `local` when
+            // the block is smaller than a batch.
+            const std::size_t n = std::min(count - i, batch);
+            char *buf = out_.reserve(n * room);
             if (!buf && out_.failed()) return;
             char *to = buf ? buf : local;
+            const std::size_t end = buf ? i + n : i + 1;
             std::size_t k = 0;
-            if (i > 0) to[k++] = ',';
-            k += marked_real(p[i].x, to + k);
-            to[k++] = ',';
-            k += marked_real(p[i].y, to + k);
+            for (; i < end; i++) {
+                if (i > 0) to[k++] = ',';
+                k += marked_real(p[i].x, to + k);
+                to[k++] = ',';
+                k += marked_real(p[i].y, to + k);
+            }
             if (buf)
                 out_.commit(k);
             else
@@ -262,6 +271,11 @@ void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
     }
     if (count == 0) return;
     pad();
+    if (little_endian && !shorts) {
+        // A point in memory is the two little-endian floats of the file.
+        out_.write(p, count * sizeof(Point));
+        return;
+    }
     const std::size_t size = shorts ? 4 : 8;
     std::uint8_t local[run_points * 8];
     for (std::size_t i = 0; i < count;) {

@@ -63,6 +63,13 @@ class CliWriter {
     // was recorded and every byte got through.
     bool finish();
 
+    // For a writer whose ASCII elements go inside another writer's
+    // geometry: its header counts as written, and nothing is written for it.
+    void continue_geometry() { header_written_ = true; }
+
+    // Records a write error when the output has failed; true otherwise.
+    bool check_output() { return output_ok(); }
+
     bool header_written() const { return header_written_; }
     float layer_z() const { return layer_z_; }
     // The units the header says (0 given becomes 0.01).

@@ -98,6 +98,7 @@ class FdmReader {
     bool skip_parenthesised(std::string &text);
     bool at_end();
     bool read_header();
+    std::size_t point_run(std::vector<Point> &points);
     bool read_contour_body(std::vector<Point> &points, bool &closed);
     bool finish_z_line();
 
@@ -135,16 +136,30 @@ class FdmWriter {
     bool write_header();
     // END and the last flush. True when every byte got out.
     bool finish();
+    // For a writer whose contours go inside another writer's output: its
+    // header counts as written, and nothing is written for it.
+    void continue_contours() { header_written_ = true; }
+    bool header_written() const { return header_written_; }
+    // Records a write error when the output has failed; false then.
+    bool check();
+    // Waits until every byte handed on is written; false when a write
+    // failed (recorded).
+    bool settle() {
+        out_.settle();
+        return check();
+    }
 
     const StreamError &error() const { return error_; }
 
     // The bytes of printf's "%10f" for v (a float value) into text, which
     // holds at least 64 bytes; the result is the length.
     static std::size_t format_fixed(double v, char *text);
+    // The number as the file has it: format_fixed of v with the trailing
+    // zeros of its decimals cut.
+    static std::size_t format_trimmed(float v, char *text);
 
   private:
     bool record(FdmError code);
-    bool check();
     void number(float v);
     void z_line();
 

@@ -12,6 +12,8 @@ constexpr double inch_mm = 25.4;
 constexpr double standard_thickness = 0.005;
 // The tolerance of the thickness test: the spacing of floats at 1.0.
 constexpr double thickness_tolerance = 1.1920928955078125e-07;
+// Points of a layer from which two threads format it.
+constexpr std::size_t parallel_points = 4096;
 
 } // namespace
 
@@ -107,18 +109,58 @@ bool FdmSource::next_layer(Layer &layer) {
     }
 }
 
-bool FdmSink::write_contour(const Contour &c) {
-    gaps_ += c.gaps;
+// The pieces between gap marks are contours of their own.
+bool FdmSink::write_contour(FdmWriter &writer, const Contour &c) {
     const std::vector<Point> &p = c.points;
     const std::size_t n = p.size();
-    // The pieces between gap marks are contours of their own.
     std::size_t start = 0;
     for (std::size_t i = 0; i < n; i++) {
         if (!is_gap_mark(p[i])) continue;
-        if (i > start && !writer_.contour(&p[start], i - start)) return false;
+        if (i > start && !writer.contour(&p[start], i - start)) return false;
         start = i + 1;
     }
-    return n - start > 1 ? writer_.contour(&p[start], n - start) : true;
+    return n - start > 1 ? writer.contour(&p[start], n - start) : true;
+}
+
+// A layer of many points is formatted on two threads: whether the helper
+// was handed the layer's contours to take from the back.
+bool FdmSink::share(const Layer &layer) {
+    const std::vector<Contour> &contours = layer.contours;
+    if (!writer_.header_written() || contours.size() < 2 || contours.size() > UINT32_MAX)
+        return false;
+    std::size_t points = 0;
+    for (const Contour &c : contours)
+        points += c.kind == ContourKind::part ? c.points.size() : 0;
+    if (points < parallel_points) return false;
+    if (!helper_writer_) {
+        try {
+            helper_out_.reset(new ByteOutput(&helper_text_));
+            helper_writer_.reset(new FdmWriter(*helper_out_));
+            helper_writer_->continue_contours();
+        } catch (const std::bad_alloc &) {
+            helper_out_.reset();
+            helper_writer_.reset();
+            return false;
+        }
+    }
+    helper_done_ = false;
+    ends_.reset(contours.size());
+    helper_.run([this, &contours] {
+        try {
+            helper_text_.clear();
+            helper_ends_.clear();
+            const std::uint64_t base = helper_out_->offset();
+            bool ok = true;
+            for (std::size_t i = 0; ok && ends_.take_back(i);) {
+                if (contours[i].kind == ContourKind::part)
+                    ok = write_contour(*helper_writer_, contours[i]);
+                helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
+            }
+            helper_done_ = ok && helper_out_->flush();
+        } catch (const std::bad_alloc &) {
+        }
+    });
+    return true;
 }
 
 bool FdmSink::write_layer(const Layer &layer) {
@@ -127,6 +169,12 @@ bool FdmSink::write_layer(const Layer &layer) {
     if (layers_ > 0) {
         if (thickness == 0.0f) thickness = static_cast<float>(layer.z - previous_z_);
         if (std::fabs(thickness - standard_thickness) > thickness_tolerance) {
+            // The warning comes only while every byte so far got out, as it
+            // would were the output written as it goes.
+            if (!warned_ && !writer_.settle()) {
+                failed_ = true;
+                return false;
+            }
             if (!warned_) reporter_.warning("layer thickness must be 0.005");
             warned_ = true;
         } else {
@@ -136,15 +184,45 @@ bool FdmSink::write_layer(const Layer &layer) {
     previous_z_ = layer.z;
     layers_++;
     bool ok = writer_.layer(layer.z, thickness);
-    for (std::size_t i = 0; ok && i < layer.contours.size(); i++) {
-        const Contour &c = layer.contours[i];
-        if (c.kind == ContourKind::part) {
-            ok = write_contour(c);
-        } else {
-            gaps_ += c.gaps;
+    const std::vector<Contour> &contours = layer.contours;
+    // The contours the helper formats are counted here, once its text is in.
+    auto write = [this](const Contour &c, bool here) {
+        gaps_ += c.gaps;
+        if (c.kind != ContourKind::part) {
             left_out_.add(c.kind);
+            return true;
         }
+        return !here || write_contour(writer_, c);
+    };
+    if (!ok || !share(layer)) {
+        for (std::size_t i = 0; ok && i < contours.size(); i++)
+            ok = write(contours[i], true);
+        failed_ = !ok;
+        return ok;
     }
+    // This thread writes contours from the front while the helper formats
+    // them from the back; where the two met, the helper's texts follow in
+    // order, or (when it could not make them) its contours are written here.
+    for (std::size_t i = 0; ok && ends_.take_front(i);)
+        ok = write(contours[i], true);
+    helper_.wait();
+    const std::size_t split = ends_.meeting(), count = contours.size() - split;
+    const bool formatted = helper_done_;
+    if (ok && formatted) {
+        // The helper's texts end at helper_ends_, the last contour's first.
+        for (std::size_t k = count; k-- > 0;) {
+            const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
+            out_.write(helper_text_.data() + from, helper_ends_[k] - from);
+        }
+        ok = writer_.check();
+    }
+    if (!formatted) {
+        // A helper that failed starts afresh with the next layer.
+        helper_writer_.reset();
+        helper_out_.reset();
+    }
+    for (std::size_t i = split; ok && i < contours.size(); i++)
+        ok = write(contours[i], !formatted);
     failed_ = !ok;
     return ok;
 }

@@ -90,6 +90,16 @@ bool begins_number(int c) {
     return (c >= '0' && c <= '9') || c == '.' || c == '+' || c == '-';
 }
 
+// Raw bytes that read as a delimiter (white space, parentheses), and those
+// that go into a token as they are (or raised to upper case).
+constexpr std::size_t point_run_bytes = 16384;
+inline bool raw_delimiter(std::uint8_t c) {
+    return char_table.cls[c] == ch_space || c == '(' || c == ')';
+}
+inline bool token_byte(std::uint8_t c) {
+    return (char_table.cls[c] == ch_keep || char_table.cls[c] == ch_lower) && c != '(' && c != ')';
+}
+
 } // namespace
 
 const char *fdm_error_text(int code) {
@@ -358,6 +368,57 @@ bool FdmReader::read_header() {
     return true;
 }
 
+// Points read in a run straight from the input's block while they stand
+// plainly: delimiters (white space, parentheses), a number's own bytes, a
+// delimiter, and the same for y. Anything else (a comment, a byte the
+// filter drops, a number that does not convert, the contour's terminator)
+// ends the run before its point, for the character-by-character path. The
+// number of points taken.
+std::size_t FdmReader::point_run(std::vector<Point> &points) {
+    if (error_ || searching_ || !in_.settle_pushback()) return 0;
+    const std::uint8_t *const start = in_.contiguous(point_run_bytes);
+    if (!start) return 0;
+    // Each value is looked at with its longest token and delimiter at hand.
+    const std::uint8_t *const stop = start + point_run_bytes - number_token_max - 2;
+    const std::uint8_t *p = start;
+    std::size_t taken = 0;
+    for (;;) {
+        const std::uint8_t *q = p;
+        float xy[2];
+        int k = 0;
+        for (; k < 2; k++) {
+            while (q < stop && raw_delimiter(*q))
+                q++;
+            if (q >= stop || (k == 0 && !begins_number(*q))) break;
+            double v = 0.0;
+            // A value written plainly, with a delimiter right behind it.
+            if (const std::size_t plain = scan_plain_decimal(q, &v);
+                plain && raw_delimiter(q[plain])) {
+                xy[k] = static_cast<float>(v);
+                q += plain;
+                continue;
+            }
+            std::size_t len = 0;
+            while (token_byte(q[len]))
+                len++;
+            if (len == 0 || len >= number_token_max || !raw_delimiter(q[len])) break;
+            const char *text = reinterpret_cast<const char *>(q);
+            if (scan_exact_decimal(text, text + len, &v) == 0 &&
+                (scan_double(text, text + len, &v) == 0 || v != v))
+                break;
+            if (!(std::fabs(v) < f32_limit)) break;
+            xy[k] = static_cast<float>(v);
+            q += len;
+        }
+        if (k < 2) break;
+        points.push_back({xy[0], xy[1]});
+        taken++;
+        p = q;
+    }
+    in_.skip(static_cast<std::size_t>(p - start));
+    return taken;
+}
+
 bool FdmReader::read_contour_body(std::vector<Point> &points, bool &closed) {
     if (version_ == version_11) {
         // Two counts precede the points; their meaning is not used.
@@ -368,6 +429,7 @@ bool FdmReader::read_contour_body(std::vector<Point> &points, bool &closed) {
     }
     points.clear();
     for (;;) {
+        if (point_run(points) > 0) continue;
         if (skip_delimiters() < 0) return false;
         int next = read_char();
         if (next == read_failed) return false;

@@ -1,7 +1,11 @@
 // The FDM slice file writer.
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#ifdef __SSE2__
+#include <emmintrin.h>
+#endif
 
 #include "formats/fdm/fdm_io.h"
 
@@ -9,38 +13,65 @@ namespace laytran {
 
 namespace {
 constexpr std::size_t number_text_size = 64;
+// "00" to "99".
+constexpr char digit_pairs[] =
+    "00010203040506070809101112131415161718192021222324252627282930313233"
+    "34353637383940414243444546474849505152535455565758596061626364656667"
+    "6869707172737475767778798081828384858687888990919293949596979899";
 } // namespace
 
 std::size_t FdmWriter::format_fixed(double v, char *text) {
     // For a float value v * 1e6 is exact in a double (24 + 14 bits), so
     // rounding it to an integer (ties to even, as printf does) gives the six
     // decimals directly. Large and non-finite values go through snprintf.
-    double scaled = v * 1e6;
+    const double scaled = v * 1e6;
     if (!(std::fabs(scaled) < 9.0e15)) {
         int n = std::snprintf(text, number_text_size, "%10f", v);
         return n < 0 ? 0 : std::strlen(text);
     }
-    std::uint64_t u = static_cast<std::uint64_t>(std::fabs(std::nearbyint(scaled)));
+#ifdef __SSE2__
+    const std::int64_t rounded = _mm_cvtsd_si64(_mm_set_sd(scaled));
+#else
+    const auto rounded = static_cast<std::int64_t>(std::nearbyint(scaled));
+#endif
+    const std::uint64_t u = static_cast<std::uint64_t>(rounded < 0 ? -rounded : rounded);
+    std::uint64_t whole = u / 1000000;
+    const auto fraction = static_cast<std::uint32_t>(u - whole * 1000000);
+    // The whole digits (one or two from the table, more backwards).
     char digits[24];
-    std::size_t n = 0;
-    do {
-        digits[n++] = static_cast<char>('0' + u % 10);
-        u /= 10;
-    } while (u != 0);
-    while (n < 7)
-        digits[n++] = '0';
+    std::size_t n;
+    if (whole < 100) {
+        n = whole < 10 ? 1 : 2;
+        std::memcpy(digits, digit_pairs + 2 * whole + 2 - n, 2);
+    } else {
+        char backwards[24];
+        n = 0;
+        do {
+            backwards[n++] = static_cast<char>('0' + whole % 10);
+            whole /= 10;
+        } while (whole != 0);
+        for (std::size_t i = 0; i < n; i++)
+            digits[i] = backwards[n - 1 - i];
+    }
     const bool negative = std::signbit(v);
-    const std::size_t len = (negative ? 1 : 0) + n + 1;
-    std::size_t at = 0;
-    while (at + len < 10)
-        text[at++] = ' ';
-    if (negative) text[at++] = '-';
-    for (std::size_t i = n; i > 6; i--)
-        text[at++] = digits[i - 1];
+    const std::size_t len = (negative ? 1 : 0) + n + 7;
+    // Blanks up to the width of 10 (written in one go, the text over them).
+    std::memcpy(text, "          ", 10);
+    std::size_t at = len < 10 ? 10 - len : 0;
+    text[at] = '-';
+    at += negative;
+    if (n <= 2) {
+        std::memcpy(text + at, digits, 2); // the byte after one digit is overwritten
+    } else {
+        for (std::size_t i = 0; i < n; i++)
+            text[at + i] = digits[i];
+    }
+    at += n;
     text[at++] = '.';
-    for (std::size_t i = 6; i > 0; i--)
-        text[at++] = digits[i - 1];
-    return at;
+    std::memcpy(text + at, digit_pairs + 2 * (fraction / 10000), 2);
+    std::memcpy(text + at + 2, digit_pairs + 2 * (fraction / 100 % 100), 2);
+    std::memcpy(text + at + 4, digit_pairs + 2 * (fraction % 100), 2);
+    return at + 6;
 }
 
 bool FdmWriter::record(FdmError code) {
@@ -58,15 +89,20 @@ bool FdmWriter::check() {
     return !error_;
 }
 
-void FdmWriter::number(float v) {
-    char *text = out_.reserve(number_text_size);
-    if (!text) return; // the output has failed; check() tells
+std::size_t FdmWriter::format_trimmed(float v, char *text) {
     std::size_t len = format_fixed(static_cast<double>(v), text);
-    if (std::memchr(text, '.', len)) {
+    // "%f" puts the point six places from the end (non-finite texts have none).
+    if (len >= 7 && text[len - 7] == '.') {
         while (len > 0 && text[len - 1] == '0')
             len--;
     }
-    out_.commit(len);
+    return len;
+}
+
+void FdmWriter::number(float v) {
+    char *text = out_.reserve(number_text_size);
+    if (!text) return; // the output has failed; check() tells
+    out_.commit(format_trimmed(v, text));
 }
 
 void FdmWriter::z_line() {
@@ -103,11 +139,27 @@ bool FdmWriter::contour(const Point *points, std::size_t count) {
     const Point &first = points[0], &last = points[count - 1];
     const bool closed = first.x == last.x && first.y == last.y;
     const std::size_t n = closed ? count - 1 : count;
-    for (std::size_t i = 0; i < n; i++) {
-        number(points[i].x);
-        out_.put(' ');
-        number(points[i].y);
-        out_.put('\n');
+    // Points in batches formatted in place, or one at a time through
+    // `local` when the output's block is smaller than a batch.
+    constexpr std::size_t room = 2 * number_text_size + 2, batch = 64;
+    char local[room];
+    for (std::size_t i = 0; i < n;) {
+        const std::size_t k = std::min(n - i, batch);
+        char *buf = out_.reserve(k * room);
+        if (!buf && out_.failed()) break;
+        char *to = buf ? buf : local;
+        const std::size_t end = buf ? i + k : i + 1;
+        std::size_t len = 0;
+        for (; i < end; i++) {
+            len += format_trimmed(points[i].x, to + len);
+            to[len++] = ' ';
+            len += format_trimmed(points[i].y, to + len);
+            to[len++] = '\n';
+        }
+        if (buf)
+            out_.commit(len);
+        else
+            out_.write(local, len);
     }
     out_.write(closed ? "C\n" : "O\n");
     return check();

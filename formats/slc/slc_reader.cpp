@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstring>
 
+#include "formats/point_bytes.h"
 #include "formats/slc/slc_io.h"
 #include "support/number_text.h"
 
@@ -47,6 +48,8 @@ constexpr std::size_t version_max = 3, package_max = 32;
 constexpr double f32_limit = 0x1.ffffffp+127;
 
 constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+// Vertices taken from the input's block at a time (well within its size).
+constexpr std::size_t vertex_run = 16384;
 
 std::uint32_t load_u32(const std::uint8_t *p) {
     return p[0] | static_cast<std::uint32_t>(p[1]) << 8 | static_cast<std::uint32_t>(p[2]) << 16 |
@@ -370,6 +373,27 @@ bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n) {
     const std::uint64_t bytes = static_cast<std::uint64_t>(n) * sizeof(Point);
     if (in_.size_known() && bytes > in_.remaining()) return fail(SlcError::eof, in_.size());
     std::size_t have = 0; // points read and checked
+    if (little_endian && in_.size_known()) {
+        // Runs of finite values go from the input's block to the array as
+        // they stand; the rest (a value to refuse, bytes not at hand) takes
+        // the way below.
+        points.reserve(n);
+        while (have < n) {
+            const std::size_t run = std::min<std::size_t>(n - have, vertex_run);
+            const std::uint8_t *p = in_.contiguous(run * sizeof(Point));
+            if (!p) break;
+            std::uint32_t bad = 0;
+            for (std::size_t i = 0; i < 2 * run; i++) {
+                std::uint32_t bits;
+                std::memcpy(&bits, p + 4 * i, 4);
+                bad |= (bits & 0x7F800000u) == 0x7F800000u;
+            }
+            if (bad) break;
+            points.insert(points.end(), PointBytes(p), PointBytes(p + run * sizeof(Point)));
+            in_.skip(run * sizeof(Point));
+            have += run;
+        }
+    }
     while (have < n) {
         std::size_t want = n;
         if (!in_.size_known()) want = std::min<std::size_t>(n, std::max<std::size_t>(16, 2 * have));

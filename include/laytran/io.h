@@ -37,7 +37,9 @@ enum class CliHeaderStyle {
 };
 
 // Called now and then during a long run with the bytes read so far, the
-// input's size (0 when unknown) and the bytes written so far.
+// input's size (0 when unknown) and the bytes written so far. A run that
+// reads its input twice (see memory_budget) counts both readings: `read`
+// goes up to twice the size, which it then gives as `total`.
 using ProgressFn =
     std::function<void(std::uint64_t read, std::uint64_t total, std::uint64_t written)>;
 
@@ -75,8 +77,11 @@ struct TranslateOptions {
     // warnings and errors always come.
     int verbosity = 3;
     // A model larger than this many bytes is translated in two passes,
-    // holding one layer at a time (regular input files only). 0 picks the
-    // default: half the physical memory, or LAYTRAN_MEMORY when set.
+    // holding one layer at a time (regular input files only; the input is
+    // read twice, the output and the messages are the same; a binary input
+    // file of 32 MiB or more is read so in any case). 0 picks the
+    // default: LAYTRAN_MEMORY when set (bytes, or with K, M, G or T: "256M"),
+    // else half the physical memory.
     std::uint64_t memory_budget = 0;
     ProgressFn progress;
 };

@@ -1,0 +1,176 @@
+// Runs that read their input twice, holding one layer at a time (a model
+// beyond the memory budget), against runs that keep the model: the same
+// bytes and the same messages, in every format and in failing runs too.
+#include <gtest/gtest.h>
+
+#include "laytran/io.h"
+#include "support/memory_budget.h"
+#include "test_util.h"
+#include "translate/layer_store.h"
+
+using namespace laytran;
+
+namespace {
+
+// Coordinates below zero, hatches, process parameters and a label: what
+// makes the engine and the writers talk.
+const char *const MODEL =
+    "$$HEADERSTART\n$$ASCII\n$$UNITS/1\n$$DATE/231126\n$$LABEL/1,part\n$$LAYERS/3\n$$HEADEREND\n"
+    "$$GEOMETRYSTART\n$$LAYER/0.1\n$$POWER/100\n$$POLYLINE/1,1,5,-2,-1,10,-1,10,6,-2,6,-2,-1\n"
+    "$$HATCHES/2,2,0,0,5,0,0,1,5,1\n$$LAYER/0.2\n$$POLYLINE/1,0,4,0,0,4,0,4,3,0,0\n$$SPEED/20\n"
+    "$$POWER/90\n$$LAYER/0.3\n$$POLYLINE/1,1,4,1,1,3,1,3,2,1,1\n$$GEOMETRYEND\n";
+
+std::string replaced(std::string text, const std::string &from, const std::string &to) {
+    const std::size_t at = text.find(from);
+    EXPECT_NE(at, std::string::npos) << from;
+    return at == std::string::npos ? text : text.replace(at, from.size(), to);
+}
+
+} // namespace
+
+TEST(MemoryBudget, SizesAndTheDefault) {
+    EXPECT_EQ(parse_memory_size("4096"), 4096u);
+    EXPECT_EQ(parse_memory_size("64K"), 64u << 10);
+    EXPECT_EQ(parse_memory_size("256mb"), 256u << 20);
+    EXPECT_EQ(parse_memory_size("2G"), std::uint64_t(2) << 30);
+    EXPECT_EQ(parse_memory_size("1TiB"), std::uint64_t(1) << 40);
+    EXPECT_EQ(parse_memory_size("0"), 0u);
+    for (const char *bad :
+         {"", "G", "1.5G", "-1", "12 M", "1P", "2iG", "18446744073709551616", "17179869184G"})
+        EXPECT_FALSE(parse_memory_size(bad)) << bad;
+    EXPECT_GT(default_memory_budget(), 0u);
+}
+
+TEST(MemoryBudget, StoreGivesBackEveryLayerAcrossItsBlocks) {
+    // A layer larger than the blocks so far gets one of its own.
+    std::vector<Layer> layers(3);
+    for (std::size_t i = 0; i < layers.size(); i++) {
+        layers[i].z = 0.5f * static_cast<float>(i);
+        layers[i].thickness = 0.25f;
+        const std::size_t points = i == 1 ? 300000 : 3;
+        for (std::size_t k = 0; k < 2; k++) {
+            Contour c;
+            c.kind = k ? ContourKind::hatches : ContourKind::web;
+            c.id = static_cast<std::uint32_t>(7 + k);
+            c.direction = direction_open;
+            c.gaps = static_cast<std::uint32_t>(k);
+            for (std::size_t p = 0; p < points; p++)
+                c.points.push_back({static_cast<float>(p), -static_cast<float>(i)});
+            layers[i].contours.push_back(c);
+        }
+    }
+    layers.push_back(Layer{});
+    LayerStore store;
+    for (const Layer &layer : layers)
+        ASSERT_TRUE(store.append(layer));
+    EXPECT_EQ(store.size(), layers.size());
+    EXPECT_GE(store.bytes(), 2 * 300000 * sizeof(Point));
+    Layer back;
+    for (std::size_t i : {1u, 0u, 3u, 2u}) {
+        store.get(i, back);
+        EXPECT_EQ(back.z, layers[i].z);
+        EXPECT_EQ(back.thickness, layers[i].thickness);
+        ASSERT_EQ(back.contours.size(), layers[i].contours.size());
+        for (std::size_t k = 0; k < back.contours.size(); k++) {
+            const Contour &a = back.contours[k], &b = layers[i].contours[k];
+            EXPECT_TRUE(a.kind == b.kind && a.id == b.id && a.direction == b.direction &&
+                        a.gaps == b.gaps && a.points.size() == b.points.size());
+            EXPECT_EQ(0, memcmp(a.points.data(), b.points.data(), a.points.size() * sizeof(Point)));
+        }
+    }
+    store.clear();
+    EXPECT_EQ(store.size(), 0u);
+    EXPECT_EQ(store.bytes(), 0u);
+}
+
+// Every input format into several forms, with warnings (placement, hatches
+// left out, commands skipped, an early end) and failures (input cut short,
+// a value too large for its field, a move or a scaling beyond float range):
+// a budget of one byte (decided before reading) and one of 100 KiB (the
+// kept layers outgrow it while they are read) give what the run that keeps
+// the model gives, byte for byte and message for message. So does a bad
+// LAYTRAN_MEMORY, after its warning, and a pipe, which is read once.
+TEST(MemoryBudget, TwoReadingsGiveTheBytesAndMessagesOfOne) {
+    TempDir d;
+    write_file(d.file("model.cli"), MODEL);
+    write_file(d.file("early.cli"), replaced(MODEL, "3,1,3,2", "abc,1,3,2"));
+    write_file(d.file("empty.cli"),
+               "$$HEADERSTART\n$$ASCII\n$$HEADEREND\n$$GEOMETRYSTART\n$$GEOMETRYEND\n");
+    write_file(d.file("huge.cli"), "$$HEADERSTART\n$$ASCII\n$$UNITS/0.01\n$$HEADEREND\n"
+                                   "$$GEOMETRYSTART\n$$LAYER/1\n$$POLYLINE/1,1,2,-3e38,0,1,1\n"
+                                   "$$LAYER/2\n$$POLYLINE/1,1,2,3e38,0,1,1\n$$GEOMETRYEND\n");
+    for (const char *form : {"b", "S", "F"}) {
+        const std::string name = std::string("model.") + (*form == 'b'   ? "b.cli"
+                                                          : *form == 'S' ? "slc"
+                                                                         : "ssl");
+        ASSERT_EQ(run_laytran({"-f", "model.cli", "-o", name, "-O", form}, d.path()).status, 0);
+    }
+    const std::string binary = read_file(d.file("model.b.cli")),
+                      slc = read_file(d.file("model.slc"));
+    write_file(d.file("cut.cli"), binary.substr(0, binary.size() - 6));
+    write_file(d.file("cut.slc"), slc.substr(0, slc.size() - 12));
+    write_file(d.file("bad.ssl"), replaced(read_file(d.file("model.ssl")), "\nC\n", "\nX\n"));
+
+    const std::vector<std::vector<std::string>> forms = {{"-O", "A"},
+                                                         {"-O", "b"},
+                                                         {"-O", "as"},
+                                                         {"-O", "S"},
+                                                         {"-O", "F"},
+                                                         {"-O", "A", "-P", "-R", "1"},
+                                                         {"-O", "s", "-U", "0.0001"}};
+    int failed = 0;
+    for (const char *in : {"model.cli", "model.b.cli", "cut.cli", "early.cli", "empty.cli",
+                           "huge.cli", "model.slc", "cut.slc", "model.ssl", "bad.ssl"}) {
+        for (const auto &form : forms) {
+            std::vector<std::string> args = {"-f", in, "-o", "out.dat"};
+            args.insert(args.end(), form.begin(), form.end());
+            const std::string what =
+                std::string(in) + " " + form[1] + (form.size() > 2 ? " " + form[2] : "");
+            auto run = [&](std::vector<std::string> env) {
+                std::remove(d.file("out.dat").c_str());
+                RunResult r = run_laytran(args, d.path(), "", "laytran", env);
+                return std::to_string(r.status) + "\n" + r.err + "\n" +
+                       read_file(d.file("out.dat"));
+            };
+            const std::string one = run({});
+            failed += one[0] != '0';
+            EXPECT_EQ(run({"LAYTRAN_MEMORY=1"}), one) << what;
+            EXPECT_EQ(run({"LAYTRAN_MEMORY=100K"}), one) << what;
+        }
+    }
+    EXPECT_GE(failed, 20); // the failing runs are among them
+
+    std::vector<std::string> args = {"-f", "model.cli", "-o", "out.dat", "-O", "S"};
+    std::remove(d.file("out.dat").c_str());
+    RunResult one = run_laytran(args, d.path());
+    const std::string bytes = read_file(d.file("out.dat"));
+    std::remove(d.file("out.dat").c_str());
+    RunResult bad = run_laytran(args, d.path(), "", "laytran", {"LAYTRAN_MEMORY=lots"});
+    EXPECT_EQ(bad.err,
+              "laytran(WARNING): LAYTRAN_MEMORY is not a size in bytes (K, M, G or T may follow "
+              "the number): lots; half the physical memory is used\n" +
+                  one.err);
+    EXPECT_EQ(read_file(d.file("out.dat")), bytes);
+    RunResult piped = run_laytran({"-O", "S"}, d.path(), MODEL, "laytran", {"LAYTRAN_MEMORY=1"});
+    EXPECT_EQ(piped.status, 0);
+    EXPECT_EQ(piped.out, run_laytran({"-O", "S"}, d.path(), MODEL).out);
+}
+
+TEST(MemoryBudget, ProgressCountsBothReadings) {
+    TempDir d;
+    write_file(d.file("in.cli"), MODEL);
+    for (std::uint64_t budget : {UINT64_MAX, std::uint64_t(1)}) {
+        std::uint64_t read = 0, total = 0, written = 0;
+        TranslateOptions o;
+        o.output = OutputForm::cli_ascii;
+        o.memory_budget = budget;
+        o.progress = [&](std::uint64_t r, std::uint64_t t, std::uint64_t w) {
+            EXPECT_GE(r, read);
+            read = r, total = t, written = w;
+        };
+        ASSERT_TRUE(translate(d.file("in.cli"), d.file("out.cli"), o).ok);
+        EXPECT_EQ(total, (budget == 1 ? 2 : 1) * std::string(MODEL).size());
+        EXPECT_EQ(read, total);
+        EXPECT_EQ(written, read_file(d.file("out.cli")).size());
+    }
+}
