@@ -280,6 +280,7 @@ __attribute__((target("avx2"))) size_t format_marked_reals_avx2(const float *val
                                                                 char *out) {
     constexpr size_t run = 64;
     alignas(32) unsigned long long words[run];
+    alignas(32) int exponents[run];
     size_t k = 0;
     for (size_t first = 0; first + 4 <= count; first += run) {
         const size_t n = std::min(run, count - first) & ~size_t{3};
@@ -310,19 +311,13 @@ __attribute__((target("avx2"))) size_t format_marked_reals_avx2(const float *val
             const __m128i carry = _mm_cmpeq_epi32(d, _mm_set1_epi32(1000000));
             d = _mm_blendv_epi8(d, _mm_set1_epi32(100000), carry);
             e = _mm_sub_epi32(e, carry);
-            // The exponent (plus 8) in the word's top byte.
-            store_lanes(words + i,
-                        _mm256_or_si256(
-                            six_digit_words(d),
-                            _mm256_slli_epi64(
-                                _mm256_cvtepi32_epi64(_mm_add_epi32(e, _mm_set1_epi32(8))), 56)));
+            _mm_store_si128(reinterpret_cast<__m128i *>(exponents + i), e);
+            _mm256_store_si256(reinterpret_cast<__m256i *>(words + i), six_digit_words(d));
         }
         for (size_t i = 0; i < n; i++) {
             if (first + i > 0) out[k++] = ',';
             if (fast >> i & 1)
-                k += marked_real_text(words[i] & 0x0000FFFFFFFFFFFFull,
-                                      static_cast<int>(words[i] >> 56) - 8, std::signbit(v[i]),
-                                      out + k);
+                k += marked_real_text(words[i], exponents[i], std::signbit(v[i]), out + k);
             else
                 k += format_marked_real(v[i] == 0.0f ? 0.0f : v[i], out + k);
         }

@@ -249,15 +249,5 @@ __attribute__((target("avx2"))) inline __m256i six_digit_words(__m128i d) {
                                           _mm256_set1_epi64x(0x0000303030303030ll));
     return word;
 }
-
-// Stores the four 64-bit lanes of v one by one: a load of one of them right
-// after a single wide store would wait for the store on some processors.
-__attribute__((target("avx2"))) inline void store_lanes(unsigned long long *to, __m256i v) {
-    const __m128i low = _mm256_castsi256_si128(v), high = _mm256_extracti128_si256(v, 1);
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(to), low);
-    _mm_storeh_pd(reinterpret_cast<double *>(to + 1), _mm_castsi128_pd(low));
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(to + 2), high);
-    _mm_storeh_pd(reinterpret_cast<double *>(to + 3), _mm_castsi128_pd(high));
-}
 #endif
 MarkedRealsFunction marked_reals_function();

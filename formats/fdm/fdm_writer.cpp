@@ -121,6 +121,7 @@ FdmWriter::format_points_avx2(const Point *points, std::size_t count, char *out)
     static_assert(sizeof(Point) == 2 * sizeof(float), "a point is two floats");
     constexpr std::size_t run = 64;
     alignas(32) unsigned long long decimals[run], wholes[run];
+    alignas(32) int whole_values[run];
     const auto *values = &points[0].x;
     const std::size_t total = 2 * count;
     std::size_t len = 0, first = 0;
@@ -159,10 +160,12 @@ FdmWriter::format_points_avx2(const Point *points, std::size_t count, char *out)
             // The four fractions, from the even 32-bit lanes.
             const __m128i fractions = _mm256_castsi256_si128(
                 _mm256_permutevar8x32_epi32(fraction, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6)));
-            // The whole part's value in the top 16 bits of the decimals' word.
-            store_lanes(decimals + i,
-                        _mm256_or_si256(six_digit_words(fractions), _mm256_slli_epi64(whole, 48)));
-            store_lanes(wholes + i, whole_word);
+            _mm256_store_si256(reinterpret_cast<__m256i *>(decimals + i),
+                               six_digit_words(fractions));
+            _mm256_store_si256(reinterpret_cast<__m256i *>(wholes + i), whole_word);
+            _mm_store_si128(reinterpret_cast<__m128i *>(whole_values + i),
+                            _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(
+                                whole, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6))));
         }
         for (std::size_t i = 0; i < n; i++) {
             if (fast >> i & 1) {
@@ -170,7 +173,7 @@ FdmWriter::format_points_avx2(const Point *points, std::size_t count, char *out)
                 // the width of the untrimmed text, the sign, the whole
                 // digits, the point and the significant decimals.
                 char *p = out + len;
-                const auto whole = static_cast<int>(decimals[i] >> 48);
+                const int whole = whole_values[i];
                 const int digits = 1 + (whole >= 10) + (whole >= 100);
                 const bool negative = std::signbit(v[i]);
                 const int width = negative + digits + 7;
@@ -181,9 +184,8 @@ FdmWriter::format_points_avx2(const Point *points, std::size_t count, char *out)
                 store_word(q, wholes[i] >> (8 * (3 - digits)));
                 q[digits] = '.';
                 q += digits + 1;
-                const unsigned long long digits_word = decimals[i] & 0x0000FFFFFFFFFFFFull;
-                const unsigned long long significant = digits_word ^ 0x0000303030303030ull;
-                store_word(q, digits_word);
+                const unsigned long long significant = decimals[i] ^ 0x0000303030303030ull;
+                store_word(q, decimals[i]);
                 q += significant ? (63 - __builtin_clzll(significant)) / 8 + 1 : 0;
                 len = static_cast<std::size_t>(q - out);
             } else {
