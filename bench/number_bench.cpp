@@ -2,6 +2,7 @@
 // C library calls they replace, on coordinates like those of the generated
 // slice files (best of five rounds).
 //   number_bench [values]      (default 1000000)
+#include <algorithm>
 #include <chrono>
 #include <cmath>
 #include <cstdio>
@@ -72,6 +73,16 @@ int main(int argc, char **argv) {
             sink += format_marked_real(v, text);
     });
     row("ASCII CLI real (format_marked_real)", marked_printf_ns, "snprintf", marked_ns);
+    // In runs of 128 values (the writer's batch of 64 points).
+    std::vector<char> run_text(128 * (NUMBER_TEXT_MAX + 1));
+    auto batch_ns = [&](MarkedRealsFunction batch) {
+        return ns_per_value(count, [&] {
+            for (size_t i = 0; i < count; i += 128)
+                sink += batch(&values[i], std::min<size_t>(128, count - i), run_text.data());
+        });
+    };
+    row("  in runs, scalar", marked_printf_ns, "snprintf", batch_ns(format_marked_reals_scalar));
+    row("  in runs, fastest here", marked_printf_ns, "snprintf", batch_ns(marked_reals_function()));
     std::vector<float> inches(count);
     for (size_t i = 0; i < count; i++)
         inches[i] = static_cast<float>(values[i] / 25.4);
@@ -90,6 +101,22 @@ int main(int argc, char **argv) {
             sink += laytran::FdmWriter::format_trimmed(v, text);
     });
     row("FDM number (format_trimmed)", fixed_printf_ns, "snprintf", trimmed_ns);
+    // Points' lines in runs of 64 points, per value.
+    std::vector<laytran::Point> inch_points(count / 2);
+    for (size_t i = 0; i < inch_points.size(); i++)
+        inch_points[i] = {inches[2 * i], inches[2 * i + 1]};
+    std::vector<char> lines(64 * 130);
+    auto lines_ns = [&](laytran::FdmWriter::PointsFunction batch) {
+        return ns_per_value(count, [&] {
+            for (size_t i = 0; i < inch_points.size(); i += 64)
+                sink += batch(&inch_points[i], std::min<size_t>(64, inch_points.size() - i),
+                              lines.data());
+        });
+    };
+    row("  in runs, scalar", fixed_printf_ns, "snprintf",
+        lines_ns(laytran::FdmWriter::format_points_scalar));
+    row("  in runs, fastest here", fixed_printf_ns, "snprintf",
+        lines_ns(laytran::FdmWriter::points_function()));
 
     // Tokens as the readers see them: ASCII CLI reals and FDM numbers.
     std::string all;

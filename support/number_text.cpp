@@ -1,5 +1,6 @@
 #include "support/number_text.h"
 
+#include <algorithm>
 #include <charconv>
 #include <climits>
 #include <cmath>
@@ -218,4 +219,122 @@ size_t scan_long(const char *first, const char *last, long *out) {
         *out = negative ? static_cast<long>(0UL - magnitude) : static_cast<long>(magnitude);
     }
     return static_cast<size_t>(r.ptr - first);
+}
+
+size_t format_marked_reals_scalar(const float *values, size_t count, char *out) {
+    size_t k = 0;
+    for (size_t i = 0; i < count; i++) {
+        if (i > 0) out[k++] = ',';
+        k += format_marked_real(values[i] == 0.0f ? 0.0f : values[i], out + k);
+    }
+    return k;
+}
+
+#ifdef LAYTRAN_NUMBER_TEXT_AVX2
+// The bits of the least float at or above the double 10^k, for k from -4
+// to 6: a float magnitude is at least 10^k (as the scalar code compares
+// it, in double) when its bits are at least these.
+alignas(32) constexpr int power_floors[16] = {
+    0x38d1b718, 0x3a83126f, 0x3c23d70b, 0x3dcccccd, 0x3f800000, 0x41200000, 0x42c80000, 0x447a0000,
+    0x461c4000, 0x47c35000, 0x49742400, 0x7f800000, 0x7f800000, 0x7f800000, 0x7f800000, 0x7f800000};
+constexpr int below_million_and_a_half = 0x497423f8; // 999999.5f
+alignas(32) constexpr double scale_rows[12] = {1e0, 1e1, 1e2, 1e3, 1e4, 1e5,
+                                               1e6, 1e7, 1e8, 1e9, 1e9, 1e9};
+
+// table[index] for four indices from 0 to 15 (two permutes, no gather:
+// gathers are slow on some processors).
+__attribute__((target("avx2"))) inline __m128i lookup16(const int *table, __m128i index) {
+    const __m256i at = _mm256_castsi128_si256(index);
+    const __m256i low = _mm256_permutevar8x32_epi32(
+        _mm256_load_si256(reinterpret_cast<const __m256i *>(table)), at);
+    const __m256i high = _mm256_permutevar8x32_epi32(
+        _mm256_load_si256(reinterpret_cast<const __m256i *>(table + 8)), at);
+    return _mm_blendv_epi8(_mm256_castsi256_si128(low), _mm256_castsi256_si128(high),
+                           _mm_cmpgt_epi32(index, _mm_set1_epi32(7)));
+}
+
+// scale_rows[index] for four indices from 0 to 11.
+__attribute__((target("avx2"))) inline __m256d lookup_scale(__m128i index) {
+    // The two 32-bit halves of double (index & 3) of a row of four.
+    const __m256i twice =
+        _mm256_slli_epi64(_mm256_cvtepu32_epi64(_mm_and_si128(index, _mm_set1_epi32(3))), 1);
+    const __m256i at = _mm256_or_si256(
+        twice, _mm256_slli_epi64(_mm256_add_epi64(twice, _mm256_set1_epi64x(1)), 32));
+    const auto *rows = reinterpret_cast<const __m256i *>(scale_rows);
+    const __m256i row = _mm256_cvtepu32_epi64(_mm_srli_epi32(index, 2));
+    __m256i v = _mm256_permutevar8x32_epi32(_mm256_load_si256(rows), at);
+    v = _mm256_blendv_epi8(v, _mm256_permutevar8x32_epi32(_mm256_load_si256(rows + 1), at),
+                           _mm256_cmpeq_epi64(row, _mm256_set1_epi64x(1)));
+    v = _mm256_blendv_epi8(v, _mm256_permutevar8x32_epi32(_mm256_load_si256(rows + 2), at),
+                           _mm256_cmpeq_epi64(row, _mm256_set1_epi64x(2)));
+    return _mm256_castsi256_pd(v);
+}
+
+// The range check, the decimal exponent, the scaled and rounded digits
+// and their six-byte words as format_marked_real makes them, four values at
+// a time for a run of up to 64 values (all in vector registers: no call in
+// the loop); then the texts are assembled one by one, and the values out of
+// range go through format_marked_real. The comparisons with powers of ten
+// are made on the float bits.
+__attribute__((target("avx2"))) size_t format_marked_reals_avx2(const float *values, size_t count,
+                                                                char *out) {
+    constexpr size_t run = 64;
+    alignas(32) unsigned long long words[run];
+    alignas(32) int exponents[run];
+    size_t k = 0;
+    for (size_t first = 0; first + 4 <= count; first += run) {
+        const size_t n = std::min(run, count - first) & ~size_t{3};
+        const float *v = values + first;
+        unsigned long long fast = 0;
+        for (size_t i = 0; i < n; i += 4) {
+            const __m128i bits =
+                _mm_and_si128(_mm_loadu_si128(reinterpret_cast<const __m128i *>(v + i)),
+                              _mm_set1_epi32(0x7FFFFFFF));
+            fast |=
+                static_cast<unsigned long long>(_mm_movemask_ps(_mm_castsi128_ps(_mm_andnot_si128(
+                    _mm_cmpgt_epi32(_mm_set1_epi32(power_floors[0]), bits),
+                    _mm_cmpgt_epi32(_mm_set1_epi32(below_million_and_a_half), bits)))))
+                << i;
+            // floor(log10(m)) is floor(e2 * log10(2)) or one more; lanes out
+            // of range are clamped only to keep the table lookups inside.
+            const __m128i e2 = _mm_sub_epi32(_mm_srli_epi32(bits, 23), _mm_set1_epi32(127));
+            __m128i e = _mm_srai_epi32(_mm_mullo_epi32(e2, _mm_set1_epi32(1233)), 12);
+            e = _mm_min_epi32(_mm_max_epi32(e, _mm_set1_epi32(-5)), _mm_set1_epi32(5));
+            const __m128i below =
+                _mm_cmpgt_epi32(lookup16(power_floors, _mm_add_epi32(e, _mm_set1_epi32(5))), bits);
+            e = _mm_add_epi32(_mm_add_epi32(e, _mm_set1_epi32(1)), below);
+            e = _mm_min_epi32(_mm_max_epi32(e, _mm_set1_epi32(-4)), _mm_set1_epi32(5));
+            const __m256d m = _mm256_cvtps_pd(_mm_castsi128_ps(bits));
+            __m128i d = _mm256_cvtpd_epi32(
+                _mm256_mul_pd(m, lookup_scale(_mm_sub_epi32(_mm_set1_epi32(5), e))));
+            // Rounded up to the next power of ten.
+            const __m128i carry = _mm_cmpeq_epi32(d, _mm_set1_epi32(1000000));
+            d = _mm_blendv_epi8(d, _mm_set1_epi32(100000), carry);
+            e = _mm_sub_epi32(e, carry);
+            _mm_store_si128(reinterpret_cast<__m128i *>(exponents + i), e);
+            _mm256_store_si256(reinterpret_cast<__m256i *>(words + i), six_digit_words(d));
+        }
+        for (size_t i = 0; i < n; i++) {
+            if (first + i > 0) out[k++] = ',';
+            if (fast >> i & 1)
+                k += marked_real_text(words[i], exponents[i], std::signbit(v[i]), out + k);
+            else
+                k += format_marked_real(v[i] == 0.0f ? 0.0f : v[i], out + k);
+        }
+        if (n < run) break;
+    }
+    const size_t done = count & ~size_t{3};
+    if (done < count) {
+        if (done > 0) out[k++] = ',';
+        k += format_marked_reals_scalar(values + done, count - done, out + k);
+    }
+    return k;
+}
+#endif
+
+MarkedRealsFunction marked_reals_function() {
+#ifdef LAYTRAN_NUMBER_TEXT_AVX2
+    if (__builtin_cpu_supports("avx2")) return format_marked_reals_avx2;
+#endif
+    return format_marked_reals_scalar;
 }

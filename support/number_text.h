@@ -13,6 +13,9 @@
 #ifdef __SSE2__
 #include <emmintrin.h>
 #endif
+#if defined(__x86_64__) && defined(__GNUC__)
+#include <immintrin.h>
+#endif
 
 // Room a formatter below may need, including the byte mark_real adds.
 constexpr size_t NUMBER_TEXT_MAX = 32;
@@ -166,13 +169,34 @@ inline void store_word(char *p, unsigned long long w) {
     memcpy(p, &w, 8);
 }
 
+// The text of a magnitude from 1e-4 to below 999999.5: its six digits
+// (rounded, six_digit_word), its decimal exponent (-4 to 5) and its sign.
+// Trailing zeros go, and the point stands behind the whole digits (which may
+// end in zeros) or after "0." and the zeros of a fraction. The text is
+// assembled with whole-word stores past its end, within NUMBER_TEXT_MAX.
+inline size_t marked_real_text(unsigned long long word, int exponent, bool negative, char *out) {
+    // Significant digits: up to the highest byte that is not '0'.
+    const int n = (63 - __builtin_clzll(word ^ 0x0000303030303030ull)) / 8 + 1;
+    char *p = out;
+    *p = '-';
+    p += negative;
+    if (exponent >= 0) {
+        const int whole = exponent + 1;
+        store_word(p, word);
+        p[whole] = '.';
+        store_word(p + whole + 1, word >> (8 * whole));
+        return static_cast<size_t>(p - out) + static_cast<size_t>(whole + 1) +
+               static_cast<size_t>(n > whole ? n - whole : 0);
+    }
+    memcpy(p, "0.000000", 8);
+    store_word(p + 1 - exponent, word);
+    return static_cast<size_t>(p - out) + static_cast<size_t>(1 - exponent + n);
+}
+
 // Magnitudes from 1e-4 to below 999999.5 take six significant digits from
 // integer arithmetic: the float times 10^k (k from 0 to 9) is exact in a
 // double (24 + 21 bits), so rounding that to an integer (ties to even, as
-// printf does) gives the digits "%g" prints. Their trailing zeros go, and
-// the point stands behind the whole digits (which may end in zeros) or
-// after "0." and the zeros of a fraction. The texts are assembled with
-// whole-word stores past their end, within NUMBER_TEXT_MAX.
+// printf does) gives the digits "%g" prints.
 inline size_t format_marked_real(float v, char *out) {
     static constexpr double powers[] = {1e-5, 1e-4, 1e-3, 1e-2, 1e-1, 1e0,
                                         1e1,  1e2,  1e3,  1e4,  1e5,  1e6};
@@ -193,21 +217,37 @@ inline size_t format_marked_real(float v, char *out) {
         d = 100000;
         exponent++;
     }
-    const unsigned long long word = six_digit_word(d);
-    // Significant digits: up to the highest byte that is not '0'.
-    const int n = (63 - __builtin_clzll(word ^ 0x0000303030303030ull)) / 8 + 1;
-    char *p = out;
-    *p = '-';
-    p += bits >> 31;
-    if (exponent >= 0) {
-        const int whole = exponent + 1;
-        store_word(p, word);
-        p[whole] = '.';
-        store_word(p + whole + 1, word >> (8 * whole));
-        return static_cast<size_t>(p - out) + static_cast<size_t>(whole + 1) +
-               static_cast<size_t>(n > whole ? n - whole : 0);
-    }
-    memcpy(p, "0.000000", 8);
-    store_word(p + 1 - exponent, word);
-    return static_cast<size_t>(p - out) + static_cast<size_t>(1 - exponent + n);
+    return marked_real_text(six_digit_word(d), exponent, bits >> 31, out);
 }
+
+// ASCII CLI reals of `count` values, comma-separated, into out (which holds
+// count * (NUMBER_TEXT_MAX + 1) bytes); a zero of either sign is written
+// "0.". The result is the length. The scalar form, a vector form, and the
+// fastest this processor runs (to be chosen once and kept).
+using MarkedRealsFunction = size_t (*)(const float *values, size_t count, char *out);
+size_t format_marked_reals_scalar(const float *values, size_t count, char *out);
+#if defined(__x86_64__) && defined(__GNUC__)
+#define LAYTRAN_NUMBER_TEXT_AVX2 1
+size_t format_marked_reals_avx2(const float *values, size_t count, char *out);
+
+// six_digit_word of four numbers below 10^6, in the four 64-bit lanes.
+__attribute__((target("avx2"))) inline __m256i six_digit_words(__m128i d) {
+    // The three pairs of digits in 16-bit lanes of each 64-bit lane, then
+    // tens and ones per pair (six_digit_word).
+    const __m256i d64 = _mm256_cvtepu32_epi64(d);
+    const __m256i hi =
+        _mm256_srli_epi64(_mm256_mul_epu32(d64, _mm256_set1_epi64x(0xD1B71759)), 45); // d / 10000
+    const __m256i rest = _mm256_sub_epi64(d64, _mm256_mul_epu32(hi, _mm256_set1_epi64x(10000)));
+    const __m256i mid =
+        _mm256_srli_epi64(_mm256_mul_epu32(rest, _mm256_set1_epi64x(5243)), 19); // rest / 100
+    const __m256i lo = _mm256_sub_epi64(rest, _mm256_mul_epu32(mid, _mm256_set1_epi64x(100)));
+    const __m256i pairs =
+        _mm256_or_si256(hi, _mm256_or_si256(_mm256_slli_epi64(mid, 16), _mm256_slli_epi64(lo, 32)));
+    const __m256i tens = _mm256_srli_epi16(_mm256_mullo_epi16(pairs, _mm256_set1_epi16(103)), 10);
+    const __m256i ones = _mm256_sub_epi16(pairs, _mm256_mullo_epi16(tens, _mm256_set1_epi16(10)));
+    const __m256i word = _mm256_add_epi64(_mm256_or_si256(tens, _mm256_slli_epi16(ones, 8)),
+                                          _mm256_set1_epi64x(0x0000303030303030ll));
+    return word;
+}
+#endif
+MarkedRealsFunction marked_reals_function();

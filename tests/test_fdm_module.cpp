@@ -262,12 +262,28 @@ TEST(FdmModule, NumberTextMatchesPrintf) {
                                  9e9f, -8.9e9f, 3.4e38f, -std::numeric_limits<float>::infinity()};
     for (int i = 1; i < 400; i += 2)
         values.push_back(static_cast<float>(i) / 128.0f); // ties of the sixth decimal
-    std::uniform_real_distribution<float> wide(-20000.0f, 20000.0f);
-    for (int i = 0; i < 200000; i++) {
+    for (float edge : {999.9999995f, 999.999999f, 1000.0f, 99.9999995f, 9.9999995f, 0.0000005f})
+        values.insert(values.end(), {edge, std::nextafter(edge, 0.0f), std::nextafter(edge, 1e4f)});
+    std::uniform_real_distribution<float> wide(-20000.0f, 20000.0f), near(-1000.0f, 1000.0f);
+    for (int i = 0; i < 1200000; i++) {
         uint32_t bits = static_cast<uint32_t>(rng());
         float f;
         memcpy(&f, &bits, sizeof f);
-        values.push_back(i % 2 && !std::isnan(f) ? f : wide(rng));
+        values.push_back(i % 4 == 1 && !std::isnan(f) ? f : i % 4 == 2 ? wide(rng) : near(rng));
+    }
+    for (size_t i = 0, n = values.size(); i < n; i++)
+        values.push_back(-values[i]);
+    // Whole lines as the writer makes them, in the scalar and the vector form.
+    std::vector<Point> points(values.size() / 2);
+    memcpy(points.data(), values.data(), points.size() * sizeof(Point));
+    std::vector<char> lines(points.size() * 130), scalar(points.size() * 130);
+    for (size_t i = 0, run = 1; i < points.size(); i += run, run = run % 67 + 1) {
+        const size_t n = std::min(run, points.size() - i);
+        ASSERT_EQ(
+            std::string(lines.data(), FdmWriter::points_function()(&points[i], n, lines.data())),
+            std::string(scalar.data(),
+                        FdmWriter::format_points_scalar(&points[i], n, scalar.data())))
+            << i;
     }
     char fast[64], slow[64];
     for (float v : values) {

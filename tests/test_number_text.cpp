@@ -2,6 +2,7 @@
 // every text and every value must be identical.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cfloat>
@@ -37,7 +38,8 @@ uint64_t bits_of(double d) {
 }
 
 // Compares the formatters with snprintf on v; returns false on a mismatch.
-bool formats_like_printf(float v) {
+// Appends v and the ASCII CLI real it should give in a batch.
+bool formats_like_printf(float v, std::vector<float> *values, std::vector<std::string> *reals) {
     char expected[64], text[NUMBER_TEXT_MAX];
     int n = snprintf(expected, sizeof expected, "%g", static_cast<double>(v));
     size_t len = format_g_float(v, text);
@@ -47,9 +49,30 @@ bool formats_like_printf(float v) {
     expected[mark_real(expected, static_cast<size_t>(n))] = '\0';
     len = format_marked_real(v, text);
     EXPECT_EQ(std::string(text, len), expected) << "format_marked_real";
+    values->push_back(v);
+    reals->push_back(v == 0.0f ? "0." : expected);
     return !testing::Test::HasFailure();
 }
 
+// The batch formatter on the values in runs (of every length mod 4),
+// against the texts the single formatter gave.
+void batch_formats_like_printf(MarkedRealsFunction batch, const std::vector<float> &values,
+                               const std::vector<std::string> &reals) {
+    std::vector<char> out;
+    for (size_t i = 0, run = 1; i < values.size(); i += run, run = run % 4099 + 1) {
+        const size_t n = std::min(run, values.size() - i);
+        out.resize(n * (NUMBER_TEXT_MAX + 1));
+        const std::string got(out.data(), batch(&values[i], n, out.data()));
+        std::string expected;
+        for (size_t j = i; j < i + n; j++)
+            expected += (j > i ? "," : "") + reals[j];
+        if (got == expected) continue;
+        for (size_t j = i, at = 0; j < i + n; at = got.find(',', at) + 1, j++)
+            ASSERT_EQ(got.substr(at, got.find(',', at) - at), reals[j])
+                << std::hexfloat << values[j];
+        FAIL() << "batch of " << n << " at " << i;
+    }
+}
 // Compares the scanners with strtod and strtol on a text that is not
 // null-terminated (an exactly sized block, so that the sanitizers see any
 // read past its end).
@@ -83,10 +106,12 @@ bool scans_like_c_library(const std::string &text) {
 } // namespace
 
 TEST(NumberText, FormattersGivePrintfBytes) {
-    std::vector<float> edges = {0.0f,          -0.0f,     FLT_MIN,      -FLT_MIN,
-                                FLT_MAX,       -FLT_MAX,  FLT_TRUE_MIN, 9.999995e-5f,
-                                9.9999945e-5f, 999999.5f, 999999.4f,    -999999.56f,
-                                123456.5f,     0.5f,      1.0f,         100.0f};
+    std::vector<float> edges = {0.0f,      -0.0f,        FLT_MIN,      -FLT_MIN,      FLT_MAX,
+                                -FLT_MAX,  FLT_TRUE_MIN, 9.999995e-5f, 9.9999945e-5f, 999999.5f,
+                                999999.4f, -999999.56f,  123456.5f,    0.5f,          1.0f,
+                                100.0f,    100000.5f,    2.5f,         0.000125f,     999999.5f};
+    edges.insert(edges.end(), {std::nextafter(999999.5f, 0.0f), std::nextafter(999999.5f, 2e6f),
+                               std::nextafter(1e-4f, 0.0f), std::nextafter(1e-4f, 1.0f)});
     for (int e = -8; e <= 8; e++) {
         float p = std::pow(10.0f, static_cast<float>(e));
         edges.insert(edges.end(), {p, std::nextafter(p, 0.0f), std::nextafter(p, INFINITY), -p});
@@ -100,8 +125,12 @@ TEST(NumberText, FormattersGivePrintfBytes) {
         float f = strtof(text, nullptr);
         edges.insert(edges.end(), {f, std::nextafter(f, 0.0f), std::nextafter(f, INFINITY)});
     }
+    for (size_t i = 0, n = edges.size(); i < n; i++)
+        edges.push_back(-edges[i]);
+    std::vector<float> values;
+    std::vector<std::string> reals;
     for (float v : edges)
-        ASSERT_TRUE(formats_like_printf(v));
+        ASSERT_TRUE(formats_like_printf(v, &values, &reals));
     int compared = 0;
     for (int i = 0; compared < random_count; i++) {
         float v = float_from_bits(static_cast<uint32_t>(rng()));
@@ -110,9 +139,12 @@ TEST(NumberText, FormattersGivePrintfBytes) {
             v = std::ldexp(static_cast<float>(rng() % 0x1000000),
                            static_cast<int>(rng() % 40) - 40);
         if (!std::isfinite(v)) continue;
-        ASSERT_TRUE(formats_like_printf(v)) << std::hexfloat << v;
+        ASSERT_TRUE(formats_like_printf(v, &values, &reals)) << std::hexfloat << v;
         compared++;
     }
+    // The batch forms: the one this processor runs and the scalar one.
+    batch_formats_like_printf(marked_reals_function(), values, reals);
+    batch_formats_like_printf(format_marked_reals_scalar, values, reals);
     // Doubles (header values) and non-finite values go through to_chars.
     std::mt19937_64 rng64(3);
     char expected[64], text[NUMBER_TEXT_MAX];

@@ -27,6 +27,8 @@ enum : std::uint32_t {
 // Binary points formatted in one go.
 constexpr std::size_t run_points = 1024;
 constexpr bool little_endian = __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__;
+// The points' coordinates are formatted as one run of floats.
+static_assert(sizeof(Point) == 2 * sizeof(float), "a point is two floats");
 
 // A real in a 16-bit field: its fraction is cut off and the integer must
 // lie in 0 to 65535 (never wrapped).
@@ -255,12 +257,9 @@ void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
             char *to = buf ? buf : local;
             const std::size_t end = buf ? i + n : i + 1;
             std::size_t k = 0;
-            for (; i < end; i++) {
-                if (i > 0) to[k++] = ',';
-                k += marked_real(p[i].x, to + k);
-                to[k++] = ',';
-                k += marked_real(p[i].y, to + k);
-            }
+            if (i > 0) to[k++] = ',';
+            k += marked_reals_(&p[i].x, 2 * (end - i), to + k);
+            i = end;
             if (buf)
                 out_.commit(k);
             else

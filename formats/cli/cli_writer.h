@@ -17,6 +17,7 @@
 #include "laytran/formats.h"
 #include "laytran/model.h"
 #include "support/byte_output.h"
+#include "support/number_text.h"
 
 namespace laytran {
 
@@ -99,6 +100,7 @@ class CliWriter {
 
     ByteOutput &out_;
     CliWriteHeader header_;
+    MarkedRealsFunction marked_reals_ = marked_reals_function(); // the points' texts
     bool ascii_;
     bool aligned_;
     bool short_;

@@ -157,6 +157,15 @@ class FdmWriter {
     // The number as the file has it: format_fixed of v with the trailing
     // zeros of its decimals cut.
     static std::size_t format_trimmed(float v, char *text);
+    // The "x y" lines of `count` points into out (which holds 130 bytes a
+    // point); the result is the length. The scalar form, a vector form, and
+    // the fastest this processor runs (chosen once, kept in the writer).
+    using PointsFunction = std::size_t (*)(const Point *points, std::size_t count, char *out);
+    static std::size_t format_points_scalar(const Point *points, std::size_t count, char *out);
+#if defined(__x86_64__) && defined(__GNUC__)
+    static std::size_t format_points_avx2(const Point *points, std::size_t count, char *out);
+#endif
+    static PointsFunction points_function();
 
   private:
     bool record(FdmError code);
@@ -164,6 +173,7 @@ class FdmWriter {
     void z_line();
 
     ByteOutput &out_;
+    PointsFunction format_points_ = points_function();
     StreamError error_;
     float z_ = 0, thickness_ = 0;
     bool header_written_ = false;

@@ -8,6 +8,7 @@
 #endif
 
 #include "formats/fdm/fdm_io.h"
+#include "support/number_text.h"
 
 namespace laytran {
 
@@ -99,6 +100,115 @@ std::size_t FdmWriter::format_trimmed(float v, char *text) {
     return len;
 }
 
+std::size_t FdmWriter::format_points_scalar(const Point *points, std::size_t count, char *out) {
+    std::size_t len = 0;
+    for (std::size_t i = 0; i < count; i++) {
+        len += format_trimmed(points[i].x, out + len);
+        out[len++] = ' ';
+        len += format_trimmed(points[i].y, out + len);
+        out[len++] = '\n';
+    }
+    return len;
+}
+
+#if defined(__x86_64__) && defined(__GNUC__)
+// Magnitudes below 999.9999995 (times 10^6 below 10^9, so the rounded
+// integer fits 32 bits): the rounding, the whole part and the six decimals'
+// digit words four values at a time for a run of up to 64 values, then the
+// texts one by one; other values go through format_trimmed.
+__attribute__((target("avx2"))) std::size_t
+FdmWriter::format_points_avx2(const Point *points, std::size_t count, char *out) {
+    static_assert(sizeof(Point) == 2 * sizeof(float), "a point is two floats");
+    constexpr std::size_t run = 64;
+    alignas(32) unsigned long long decimals[run], wholes[run];
+    alignas(32) int whole_values[run];
+    const auto *values = &points[0].x;
+    const std::size_t total = 2 * count;
+    std::size_t len = 0, first = 0;
+    for (; first < total; first += run) {
+        const std::size_t n = std::min(run, total - first) & ~std::size_t{3};
+        const float *v = values + first;
+        unsigned long long fast = 0;
+        for (std::size_t i = 0; i < n; i += 4) {
+            const __m256d m =
+                _mm256_andnot_pd(_mm256_set1_pd(-0.0), _mm256_cvtps_pd(_mm_loadu_ps(v + i)));
+            const __m256d scaled = _mm256_mul_pd(m, _mm256_set1_pd(1e6));
+            fast |= static_cast<unsigned long long>(_mm256_movemask_pd(
+                        _mm256_cmp_pd(scaled, _mm256_set1_pd(999999999.5), _CMP_LT_OQ)))
+                    << i;
+            // Lanes out of range give some value; they are not used.
+            const __m128i u = _mm256_cvtpd_epi32(_mm256_and_pd(
+                scaled, _mm256_cmp_pd(scaled, _mm256_set1_pd(999999999.5), _CMP_LT_OQ)));
+            const __m256i u64 = _mm256_cvtepu32_epi64(u);
+            const __m256i whole = _mm256_srli_epi64(
+                _mm256_mul_epu32(u64, _mm256_set1_epi64x(1125899907)), 50); // u / 10^6
+            const __m256i fraction =
+                _mm256_sub_epi64(u64, _mm256_mul_epu32(whole, _mm256_set1_epi64x(1000000)));
+            // The whole digits (below 1000) as bytes, hundreds lowest.
+            const __m256i hundreds =
+                _mm256_srli_epi64(_mm256_mul_epu32(whole, _mm256_set1_epi64x(41)), 12);
+            const __m256i rest =
+                _mm256_sub_epi64(whole, _mm256_mul_epu32(hundreds, _mm256_set1_epi64x(100)));
+            const __m256i tens =
+                _mm256_srli_epi64(_mm256_mul_epu32(rest, _mm256_set1_epi64x(103)), 10);
+            const __m256i ones =
+                _mm256_sub_epi64(rest, _mm256_mul_epu32(tens, _mm256_set1_epi64x(10)));
+            const __m256i whole_word = _mm256_add_epi64(
+                _mm256_or_si256(hundreds, _mm256_or_si256(_mm256_slli_epi64(tens, 8),
+                                                          _mm256_slli_epi64(ones, 16))),
+                _mm256_set1_epi64x(0x303030));
+            // The four fractions, from the even 32-bit lanes.
+            const __m128i fractions = _mm256_castsi256_si128(
+                _mm256_permutevar8x32_epi32(fraction, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6)));
+            _mm256_store_si256(reinterpret_cast<__m256i *>(decimals + i),
+                               six_digit_words(fractions));
+            _mm256_store_si256(reinterpret_cast<__m256i *>(wholes + i), whole_word);
+            _mm_store_si128(reinterpret_cast<__m128i *>(whole_values + i),
+                            _mm256_castsi256_si128(_mm256_permutevar8x32_epi32(
+                                whole, _mm256_setr_epi32(0, 2, 4, 6, 0, 2, 4, 6))));
+        }
+        for (std::size_t i = 0; i < n; i++) {
+            if (fast >> i & 1) {
+                // "%10f" with the decimals' trailing zeros cut: blanks up to
+                // the width of the untrimmed text, the sign, the whole
+                // digits, the point and the significant decimals.
+                char *p = out + len;
+                const int whole = whole_values[i];
+                const int digits = 1 + (whole >= 10) + (whole >= 100);
+                const bool negative = std::signbit(v[i]);
+                const int width = negative + digits + 7;
+                const int at = width < 10 ? 10 - width : 0;
+                store_word(p, 0x2020202020202020ull);
+                p[at] = '-';
+                char *q = p + at + negative;
+                store_word(q, wholes[i] >> (8 * (3 - digits)));
+                q[digits] = '.';
+                q += digits + 1;
+                const unsigned long long significant = decimals[i] ^ 0x0000303030303030ull;
+                store_word(q, decimals[i]);
+                q += significant ? (63 - __builtin_clzll(significant)) / 8 + 1 : 0;
+                len = static_cast<std::size_t>(q - out);
+            } else {
+                len += format_trimmed(v[i], out + len);
+            }
+            out[len++] = (first + i) & 1 ? '\n' : ' ';
+        }
+        if (n < run) break;
+    }
+    const std::size_t done = total & ~std::size_t{3};
+    if (done < total) // one point left
+        len += format_points_scalar(points + done / 2, count - done / 2, out + len);
+    return len;
+}
+#endif
+
+FdmWriter::PointsFunction FdmWriter::points_function() {
+#if defined(__x86_64__) && defined(__GNUC__)
+    if (__builtin_cpu_supports("avx2")) return format_points_avx2;
+#endif
+    return format_points_scalar;
+}
+
 void FdmWriter::number(float v) {
     char *text = out_.reserve(number_text_size);
     if (!text) return; // the output has failed; check() tells
@@ -149,13 +259,8 @@ bool FdmWriter::contour(const Point *points, std::size_t count) {
         if (!buf && out_.failed()) break;
         char *to = buf ? buf : local;
         const std::size_t end = buf ? i + k : i + 1;
-        std::size_t len = 0;
-        for (; i < end; i++) {
-            len += format_trimmed(points[i].x, to + len);
-            to[len++] = ' ';
-            len += format_trimmed(points[i].y, to + len);
-            to[len++] = '\n';
-        }
+        const std::size_t len = format_points_(points + i, end - i, to);
+        i = end;
         if (buf)
             out_.commit(len);
         else
