@@ -8,9 +8,8 @@
 
 #include "formats/cli/cli_reader.h"
 #include "formats/cli/cli_writer.h"
-#include "support/helper_thread.h"
+#include "formats/layer_helper.h"
 #include "support/number_text.h"
-#include "support/two_ends.h"
 
 namespace laytran {
 
@@ -249,7 +248,6 @@ class CliSink final : public LayerSink {
     CliSink(OutputForm form, ByteOutput &out, Reporter &reporter)
         : writer_(out, form), out_(out), reporter_(reporter),
           ascii_(form == OutputForm::cli_ascii) {}
-    ~CliSink() override { helper_.wait(); }
 
     bool begin(const OutputPlan &plan) override {
         if (writer_.error() != CliError::none) return writer_failed(nullptr);
@@ -302,26 +300,19 @@ class CliSink final : public LayerSink {
         // follow in order, or (when it could not make them) its contours
         // are written here.
         bool ok = true;
-        for (std::size_t i = 0; ok && ends_.take_front(i);) {
+        for (std::size_t i = 0; ok && helper_.take_front(i);) {
             gaps_ += contours[i].gaps;
             ok = write_contour(writer_, contours[i]);
         }
-        helper_.wait();
+        bool formatted = false;
+        const std::size_t split = helper_.finish(formatted);
         if (!ok) return false;
-        const std::size_t split = ends_.meeting(), count = contours.size() - split;
         for (std::size_t i = split; i < contours.size(); i++)
             gaps_ += contours[i].gaps;
-        if (helper_done_) {
-            // The helper's texts end at helper_ends_, the last contour's first.
-            for (std::size_t k = count; k-- > 0;) {
-                const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
-                out_.write(helper_text_.data() + from, helper_ends_[k] - from);
-            }
+        if (formatted) {
+            helper_.append_to(out_);
             return writer_.check_output() || writer_failed(nullptr);
         }
-        // A helper that failed starts afresh with the next layer.
-        helper_writer_.reset();
-        helper_out_.reset();
         for (std::size_t i = split; i < contours.size(); i++) {
             if (!write_contour(writer_, contours[i])) return false;
         }
@@ -353,34 +344,14 @@ class CliSink final : public LayerSink {
         for (const Contour &c : contours)
             points += c.points.size();
         if (points < parallel_points) return false;
-        if (!helper_writer_) {
-            try {
-                helper_out_.reset(new ByteOutput(&helper_text_));
-                helper_writer_.reset(new CliWriter(*helper_out_, OutputForm::cli_ascii));
-                helper_writer_->continue_geometry();
-            } catch (const std::bad_alloc &) {
-                helper_out_.reset();
-                helper_writer_.reset();
-                return false;
-            }
-        }
-        helper_done_ = false;
-        ends_.reset(contours.size());
-        helper_.run([this, &contours] {
-            try {
-                helper_text_.clear();
-                helper_ends_.clear();
-                const std::uint64_t base = helper_out_->offset();
-                bool ok = true;
-                for (std::size_t i = 0; ok && ends_.take_back(i);) {
-                    ok = write_contour(*helper_writer_, contours[i]);
-                    helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
-                }
-                helper_done_ = ok && helper_out_->flush();
-            } catch (const std::bad_alloc &) {
-            }
-        });
-        return true;
+        return helper_.start(
+            contours,
+            [](ByteOutput &out) {
+                std::unique_ptr<CliWriter> w(new CliWriter(out, OutputForm::cli_ascii));
+                w->continue_geometry();
+                return w;
+            },
+            [this](CliWriter &writer, const Contour &c) { return write_contour(writer, c); });
     }
 
     // A contour as one element, or split at its gap marks: each piece
@@ -490,13 +461,7 @@ class CliSink final : public LayerSink {
     StreamError error_;
     // The second thread of ASCII geometry and what it formats into.
     bool ascii_;
-    HelperThread helper_;
-    std::string helper_text_;
-    std::unique_ptr<ByteOutput> helper_out_;
-    std::unique_ptr<CliWriter> helper_writer_;
-    std::vector<std::size_t> helper_ends_; // where the helper's texts end
-    TwoEnds ends_;
-    bool helper_done_ = false;
+    LayerHelper<CliWriter> helper_;
     std::uint64_t gaps_ = 0;
     bool faithful_ = false;
     bool begun_ = false;

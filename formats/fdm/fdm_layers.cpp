@@ -132,35 +132,16 @@ bool FdmSink::share(const Layer &layer) {
     for (const Contour &c : contours)
         points += c.kind == ContourKind::part ? c.points.size() : 0;
     if (points < parallel_points) return false;
-    if (!helper_writer_) {
-        try {
-            helper_out_.reset(new ByteOutput(&helper_text_));
-            helper_writer_.reset(new FdmWriter(*helper_out_));
-            helper_writer_->continue_contours();
-        } catch (const std::bad_alloc &) {
-            helper_out_.reset();
-            helper_writer_.reset();
-            return false;
-        }
-    }
-    helper_done_ = false;
-    ends_.reset(contours.size());
-    helper_.run([this, &contours] {
-        try {
-            helper_text_.clear();
-            helper_ends_.clear();
-            const std::uint64_t base = helper_out_->offset();
-            bool ok = true;
-            for (std::size_t i = 0; ok && ends_.take_back(i);) {
-                if (contours[i].kind == ContourKind::part)
-                    ok = write_contour(*helper_writer_, contours[i]);
-                helper_ends_.push_back(static_cast<std::size_t>(helper_out_->offset() - base));
-            }
-            helper_done_ = ok && helper_out_->flush();
-        } catch (const std::bad_alloc &) {
-        }
-    });
-    return true;
+    return helper_.start(
+        contours,
+        [](ByteOutput &out) {
+            std::unique_ptr<FdmWriter> w(new FdmWriter(out));
+            w->continue_contours();
+            return w;
+        },
+        [this](FdmWriter &writer, const Contour &c) {
+            return c.kind != ContourKind::part || write_contour(writer, c);
+        });
 }
 
 bool FdmSink::write_layer(const Layer &layer) {
@@ -203,23 +184,13 @@ bool FdmSink::write_layer(const Layer &layer) {
     // This thread writes contours from the front while the helper formats
     // them from the back; where the two met, the helper's texts follow in
     // order, or (when it could not make them) its contours are written here.
-    for (std::size_t i = 0; ok && ends_.take_front(i);)
+    for (std::size_t i = 0; ok && helper_.take_front(i);)
         ok = write(contours[i], true);
-    helper_.wait();
-    const std::size_t split = ends_.meeting(), count = contours.size() - split;
-    const bool formatted = helper_done_;
+    bool formatted = false;
+    const std::size_t split = helper_.finish(formatted);
     if (ok && formatted) {
-        // The helper's texts end at helper_ends_, the last contour's first.
-        for (std::size_t k = count; k-- > 0;) {
-            const std::size_t from = k > 0 ? helper_ends_[k - 1] : 0;
-            out_.write(helper_text_.data() + from, helper_ends_[k] - from);
-        }
+        helper_.append_to(out_);
         ok = writer_.check();
-    }
-    if (!formatted) {
-        // A helper that failed starts afresh with the next layer.
-        helper_writer_.reset();
-        helper_out_.reset();
     }
     for (std::size_t i = split; ok && i < contours.size(); i++)
         ok = write(contours[i], !formatted);

@@ -16,9 +16,8 @@
 #include <memory>
 
 #include "formats/fdm/fdm_io.h"
+#include "formats/layer_helper.h"
 #include "formats/left_out.h"
-#include "support/helper_thread.h"
-#include "support/two_ends.h"
 #include "translate/format_io.h"
 
 namespace laytran {
@@ -54,7 +53,6 @@ class FdmSource final : public LayerSource {
 class FdmSink final : public LayerSink {
   public:
     FdmSink(ByteOutput &out, Reporter &reporter) : writer_(out), out_(out), reporter_(reporter) {}
-    ~FdmSink() override { helper_.wait(); }
     bool begin(const OutputPlan &) override { return true; }
     bool write_layer(const Layer &layer) override;
     bool finish() override;
@@ -70,13 +68,7 @@ class FdmSink final : public LayerSink {
     ByteOutput &out_;
     Reporter &reporter_;
     // The second thread of large layers and what it formats into.
-    HelperThread helper_;
-    std::string helper_text_;
-    std::unique_ptr<ByteOutput> helper_out_;
-    std::unique_ptr<FdmWriter> helper_writer_;
-    std::vector<std::size_t> helper_ends_; // where the helper's texts end
-    TwoEnds ends_;
-    bool helper_done_ = false;
+    LayerHelper<FdmWriter> helper_;
     LeftOut left_out_;
     std::uint64_t gaps_ = 0;
     std::uint64_t layers_ = 0;
