@@ -6,26 +6,18 @@
 // read in small blocks; the rest is the input.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
-#include <memory>
 #include <string>
 
+#include "fuzz/fuzz_input.h"
 #include "translate/format_io.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
     const uint8_t how = data[0];
     std::string input(reinterpret_cast<const char *>(data) + 1, size - 1);
-    FILE *f = nullptr;
-    std::unique_ptr<laytran::ByteInput> in;
-    if ((how & 4) && !input.empty()) {
-        f = fmemopen(&input[0], input.size(), "rb");
-        if (!f) return 0;
-        in = std::make_unique<laytran::ByteInput>(f, 16 + input.size() % 64);
-    } else {
-        in = std::make_unique<laytran::ByteInput>(input.data(), input.size());
-    }
+    FuzzInput in(input.data(), input.size(), (how & 4) != 0, 16 + input.size() % 64);
+    if (!in.get()) return 0;
     const laytran::InputFormat formats[] = {laytran::InputFormat::cli, laytran::InputFormat::slc,
                                             laytran::InputFormat::fdm};
     const std::int64_t limit = static_cast<std::int64_t>(input.size());
@@ -35,7 +27,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     laytran::Reporter reporter(sink);
     laytran::SourceOptions options;
     options.check = true;
-    auto source = laytran::make_source(formats[how % 3], *in, reporter, options);
+    auto source = laytran::make_source(formats[how % 3], *in.get(), reporter, options);
     laytran::Layer layer;
     while (source->next_layer(layer)) {
         const laytran::LayerPlaces *places = source->places();
@@ -49,6 +41,5 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     source->report_read_end(reporter);
     source->report_run_end(reporter);
     if (source->error().offset > input.size()) abort();
-    if (f) fclose(f);
     return 0;
 }

@@ -5,13 +5,13 @@
 // unknown size read in small blocks (bit 5); the rest is the input.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <string>
 #include <vector>
 
 #include "formats/cli/cli_layers.h"
+#include "fuzz/fuzz_input.h"
 
 namespace {
 
@@ -26,20 +26,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
     const uint8_t how = data[0];
     std::string input(reinterpret_cast<const char *>(data) + 1, size - 1);
-    FILE *f = nullptr;
-    std::unique_ptr<laytran::ByteInput> in;
-    if ((how & 0x20) && !input.empty()) {
-        f = fmemopen(&input[0], input.size(), "rb");
-        if (!f) return 0;
-        in = std::make_unique<laytran::ByteInput>(f, 16 + input.size() % 64);
-    } else {
-        in = std::make_unique<laytran::ByteInput>(input.data(), input.size());
-    }
+    FuzzInput in(input.data(), input.size(), (how & 0x20) != 0, 16 + input.size() % 64);
+    if (!in.get()) return 0;
     laytran::DiagnosticSink none;
     laytran::Reporter reporter(none);
     laytran::SourceOptions options;
     options.keep_empty_layers = (how & 0x10) != 0;
-    auto source = laytran::make_cli_source(*in, reporter, options);
+    auto source = laytran::make_cli_source(*in.get(), reporter, options);
     std::vector<laytran::Layer> layers(1);
     while (source->next_layer(layers.back()))
         layers.emplace_back();
@@ -59,7 +52,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     for (size_t i = 0; i < layers.size() && ok; i++)
         ok = sink->write_layer(layers[i]);
     ok = sink->finish() && ok;
-    if (f) fclose(f);
     if (ok) {
         laytran::ByteInput back(out_bytes.data(), out_bytes.size());
         auto again = laytran::make_cli_source(back, reporter, options);

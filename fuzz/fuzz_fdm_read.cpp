@@ -6,28 +6,19 @@
 // layers.
 #include <cstddef>
 #include <cstdint>
-#include <cstdio>
-#include <memory>
 
 #include "formats/fdm/fdm_layers.h"
+#include "fuzz/fuzz_input.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size) {
     if (size == 0) return 0;
-    FILE *f = nullptr;
-    std::unique_ptr<laytran::ByteInput> in;
-    if (size % 2) {
-        f = fmemopen(const_cast<uint8_t *>(data), size, "rb");
-        if (!f) return 0;
-        in = std::make_unique<laytran::ByteInput>(f, 1 + size % 64);
-    } else {
-        in = std::make_unique<laytran::ByteInput>(data, size);
-    }
+    FuzzInput input(data, size, size % 2 != 0, 1 + size % 64);
+    if (!input.get()) return 0;
     laytran::SourceOptions options;
     options.keep_empty_layers = size % 3 == 0;
-    laytran::FdmSource source(*in, options);
+    laytran::FdmSource source(*input.get(), options);
     laytran::Layer layer;
     while (source.next_layer(layer)) {
     }
-    if (f) fclose(f);
     return 0;
 }
