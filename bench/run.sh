@@ -116,19 +116,26 @@ done
 echo
 echo "Peak RSS target of in-memory runs: <= 1.1x the point data (points x 8 bytes)."
 echo
-echo "| conversion | s | x cp | x cat | peak RSS KiB | x point data | target |"
-echo "|---|---:|---:|---:|---:|---:|---|"
+echo "Every output file is flushed to the disk before it replaces its target;"
+echo "\"synced\" is the time to write the same bytes and flush them with nothing"
+echo "to compute (dd conv=fsync of the output just written), the disk's floor."
+echo
+echo "| conversion | s | x cp | x cat | synced s | x synced | peak RSS KiB | x point data | target |"
+echo "|---|---:|---:|---:|---:|---:|---:|---:|---|"
 row() { # label, input, -O letters, target, more options
-    local result s kib out
+    local result s kib out synced
     out=$(out_file "$3")
     result=$(measure "$out" "$laytran" -V 0 -f "$work/$2" -o "$out" -O "$3" ${5:-})
-    rm -f "$out"
     s=${result% *}
     kib=${result#* }
+    # The last run's output, copied from the cache and flushed to the disk.
+    synced=$(measure "$work/copy" dd if="$out" of="$work/copy" bs=8M conv=fsync status=none)
+    synced=${synced% *}
+    rm -f "$out" "$work/copy"
     awk -v l="$1" -v s="$s" -v cp="${cp_s[$2]}" -v cat="${cat_s[$2]}" -v k="$kib" \
-        -v p="${points[$2]}" -v t="$4" 'BEGIN {
-            printf "| %s | %.3f | %.1f | %.1f | %d | %.2f | %s |\n",
-                l, s, s / cp, s / cat, k, k * 1024 / (p * 8), t }'
+        -v p="${points[$2]}" -v t="$4" -v sy="$synced" 'BEGIN {
+            printf "| %s | %.3f | %.1f | %.1f | %.3f | %.2f | %d | %.2f | %s |\n",
+                l, s, s / cp, s / cat, sy, s / sy, k, k * 1024 / (p * 8), t }'
 }
 row "binary long CLI -> binary long CLI" in.cli b "<= 2x cp"
 row "binary long CLI -> aligned long CLI" in.cli a ""
