@@ -1,11 +1,15 @@
 #include "support/byte_output.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <chrono>
 #include <fcntl.h>
 #include <new>
 #include <sys/stat.h>
 #include <unistd.h>
+#ifdef __linux__
+#include <sys/vfs.h>
+#endif
 
 namespace laytran {
 
@@ -14,24 +18,77 @@ namespace {
 constexpr std::uint64_t disk_step = std::uint64_t(8) << 20;
 // Longer than starting the writing of a step takes on a disk that keeps up.
 constexpr std::chrono::milliseconds disk_wait(20);
+// Writes around the cache take blocks, offsets and addresses in multiples
+// of this (a page, a multiple of every usual sector size).
+constexpr std::size_t direct_unit = 4096;
+// An own file bypasses the cache from here on: a small file is better left
+// to the cache, which the sync at the end writes at once.
+constexpr std::uint64_t bypass_from = disk_step;
 
-std::uint8_t *make_block(std::unique_ptr<std::uint8_t[]> &block, std::size_t size) {
-    block.reset(new std::uint8_t[size]);
-    return block.get();
+// Local disk file systems, where writing around the cache is a plain,
+// streaming write. (On a network file system every such write waits for
+// the server.)
+bool local_disk(int fd) {
+#ifdef __linux__
+    struct statfs fs;
+    if (fstatfs(fd, &fs) != 0) return false;
+    switch (static_cast<unsigned long>(fs.f_type)) {
+    case 0xEF53UL:     // ext2, ext3, ext4
+    case 0x58465342UL: // xfs
+    case 0x9123683EUL: // btrfs
+    case 0xF2F52010UL: // f2fs
+        return true;
+    default:
+        return false;
+    }
+#else
+    (void)fd;
+    return false;
+#endif
 }
 } // namespace
 
-ByteOutput::ByteOutput(int fd, std::size_t block) : fd_(fd), block_size_(block) {
-    pos_ = make_block(block_, block_size_);
-    end_ = pos_ + block_size_;
-    watch_disk(fd, lseek(fd, 0, SEEK_CUR));
+void ByteOutput::BlockFree::operator()(std::uint8_t *p) const {
+    ::operator delete[](p, std::align_val_t(direct_unit));
 }
 
-ByteOutput::ByteOutput(std::FILE *stream, std::size_t block) : stream_(stream), block_size_(block) {
+std::uint8_t *ByteOutput::make_block(Block &block, std::size_t size) {
+    block.reset(static_cast<std::uint8_t *>(::operator new[](size, std::align_val_t(direct_unit))));
+    return block.get();
+}
+
+ByteOutput::ByteOutput(int fd, OutputFile use, std::size_t block) : fd_(fd), block_size_(block) {
+    pos_ = make_block(block_, block_size_);
+    end_ = pos_ + block_size_;
+    take_descriptor(use);
+}
+
+ByteOutput::ByteOutput(std::FILE *stream, OutputFile use, std::size_t block)
+    : stream_(stream), block_size_(block) {
     pos_ = make_block(block_, block_size_);
     end_ = pos_ + block_size_;
     const int fd = fileno(stream);
-    if (fd >= 0) watch_disk(fd, ftello(stream));
+    if (fd < 0) return;
+    if (use == OutputFile::own && std::fflush(stream) == 0) {
+        // Nobody else writes the file: its descriptor is written directly.
+        stream_ = nullptr;
+        fd_ = fd;
+        take_descriptor(use);
+    } else {
+        watch_disk(fd, ftello(stream));
+    }
+}
+
+void ByteOutput::take_descriptor(OutputFile use) {
+    const off_t at = lseek(fd_, 0, SEEK_CUR);
+    watch_disk(fd_, at);
+#ifdef O_DIRECT
+    may_bypass_ = use == OutputFile::own && regular_ && block_size_ % direct_unit == 0 &&
+                  at % static_cast<off_t>(direct_unit) == 0 && local_disk(fd_);
+    through_blocks_ = may_bypass_;
+#else
+    (void)use;
+#endif
 }
 
 void ByteOutput::watch_disk(int fd, off_t at) {
@@ -41,8 +98,36 @@ void ByteOutput::watch_disk(int fd, off_t at) {
     sent_at_ = flushing_at_ = regular_ ? static_cast<std::uint64_t>(at) : 0;
 }
 
+void ByteOutput::start_bypass() {
+#ifdef O_DIRECT
+    const int flags = fcntl(fd_, F_GETFL);
+    bypassing_ = flags >= 0 && fcntl(fd_, F_SETFL, flags | O_DIRECT) == 0;
+    may_bypass_ = bypassing_;
+    bypassed_ = bypassed_ || bypassing_;
+#endif
+}
+
+void ByteOutput::stop_bypass() {
+#ifdef O_DIRECT
+    const int flags = fcntl(fd_, F_GETFL);
+    if (flags >= 0) fcntl(fd_, F_SETFL, flags & ~O_DIRECT);
+#endif
+    bypassing_ = may_bypass_ = false;
+}
+
 void ByteOutput::sent(std::size_t n) {
     sent_at_ += n;
+    if (bypassing_) return;
+    if (may_bypass_ && sent_at_ >= bypass_from && sent_at_ % direct_unit == 0) {
+        // What the cache holds goes to the disk now; what follows, around it.
+#ifdef SYNC_FILE_RANGE_WRITE
+        sync_file_range(disk_fd_, static_cast<off_t>(flushing_at_),
+                        static_cast<off_t>(sent_at_ - flushing_at_), SYNC_FILE_RANGE_WRITE);
+        flushing_at_ = sent_at_;
+#endif
+        start_bypass();
+        return;
+    }
 #ifdef SYNC_FILE_RANGE_WRITE
     // The system starts writing what it holds of the file, without waiting
     // for it; only a hint, whatever it answers. A disk that cannot take the
@@ -79,10 +164,21 @@ int ByteOutput::send(const std::uint8_t *data, std::size_t n) {
         sent(n);
         return 0;
     }
+    // Only whole units at aligned addresses can go around the cache (the
+    // last, short block of a file for one).
+    if (bypassing_ &&
+        (n % direct_unit != 0 || reinterpret_cast<std::uintptr_t>(data) % direct_unit))
+        stop_bypass();
     while (n > 0) {
         ssize_t done = ::write(fd_, data, n);
         if (done < 0) {
             if (errno == EINTR) continue;
+            // Refused around the cache (a short write left the offset
+            // unaligned, or the file system will not): written through it.
+            if (errno == EINVAL && bypassing_) {
+                stop_bypass();
+                continue;
+            }
             return errno;
         }
         if (done == 0) return ENOSPC; // nothing taken and no reason given: treat as full
@@ -112,19 +208,24 @@ bool ByteOutput::settle() {
 bool ByteOutput::hand_on() {
     if (!settle()) return false;
     std::uint8_t *start = block_.get();
-    const std::size_t n = static_cast<std::size_t>(pos_ - start);
+    std::size_t n = static_cast<std::size_t>(pos_ - start);
+    // A file that may go around the cache is sent in whole units: the rest
+    // starts the next block.
+    const std::size_t rest = may_bypass_ ? n % direct_unit : 0;
+    n -= rest;
     if (memory_ || n == 0) return flush();
     try {
-        if (!spare_) spare_.reset(new std::uint8_t[block_size_]);
+        if (!spare_) make_block(spare_, block_size_);
         if (!helper_) helper_.reset(new HelperThread);
     } catch (const std::bad_alloc &) {
         return flush(); // written here and now
     }
+    std::memcpy(spare_.get(), start + n, rest);
     helper_->run([this, start, n] { helper_error_ = send(start, n); });
     std::swap(block_, spare_);
     base_ += n;
-    pos_ = block_.get();
-    end_ = pos_ + block_size_;
+    pos_ = block_.get() + rest;
+    end_ = block_.get() + block_size_;
     return true;
 }
 
@@ -147,22 +248,32 @@ bool ByteOutput::put_slow(std::uint8_t c) {
 }
 
 bool ByteOutput::write_slow(const void *data, std::size_t n) {
-    if (failed_ || !hand_on()) return false;
-    if (n >= block_size_) {
+    if (failed_) return false;
+    auto *from = static_cast<const std::uint8_t *>(data);
+    if (n >= block_size_ && !through_blocks_) {
         // A long run goes out directly, after what came before it.
         if (!flush()) return false;
-        take_failure(send(static_cast<const std::uint8_t *>(data), n));
+        take_failure(send(from, n));
         base_ += n;
         if (failed_) end_ = pos_;
         return !failed_;
     }
-    std::memcpy(pos_, data, n);
-    pos_ += n;
+    // The block is filled up, so that what is handed on is whole.
+    while (n > 0) {
+        if (pos_ == end_ && !hand_on()) return false;
+        const std::size_t k = std::min(n, static_cast<std::size_t>(end_ - pos_));
+        std::memcpy(pos_, from, k);
+        pos_ += k;
+        from += k;
+        n -= k;
+    }
     return true;
 }
 
 char *ByteOutput::reserve_slow(std::size_t n) {
     if (failed_ || n > block_size_ || !hand_on()) return nullptr;
+    // What a whole-unit hand-on kept may leave too little room.
+    if (static_cast<std::size_t>(end_ - pos_) < n && !flush()) return nullptr;
     return reinterpret_cast<char *>(pos_);
 }
 

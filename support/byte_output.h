@@ -27,15 +27,26 @@
 
 namespace laytran {
 
+// Who else may write through a descriptor's open file.
+enum class OutputFile {
+    shared, // e.g. the standard output: written with plain writes only
+    own,    // a new file no one else writes (a temporary output file)
+};
+
 class ByteOutput {
   public:
     static constexpr std::size_t default_block = std::size_t(1) << 20;
 
     // Writes to the descriptor; it stays the caller's (and is not closed).
-    explicit ByteOutput(int fd, std::size_t block = default_block);
+    explicit ByteOutput(int fd, std::size_t block = default_block)
+        : ByteOutput(fd, OutputFile::shared, block) {}
+    ByteOutput(int fd, OutputFile use, std::size_t block = default_block);
     // Writes to the stream and flushes it at `finish()`; it stays the
-    // caller's.
-    explicit ByteOutput(std::FILE *stream, std::size_t block = default_block);
+    // caller's. An own file's stream is flushed here and its descriptor
+    // written from then on.
+    explicit ByteOutput(std::FILE *stream, std::size_t block = default_block)
+        : ByteOutput(stream, OutputFile::shared, block) {}
+    ByteOutput(std::FILE *stream, OutputFile use, std::size_t block = default_block);
     // Appends to the string, which must outlive the object.
     explicit ByteOutput(std::string *memory, std::size_t block = default_block);
 
@@ -81,8 +92,17 @@ class ByteOutput {
     std::uint64_t offset() const { return base_ + static_cast<std::uint64_t>(pos_ - block_.get()); }
     bool failed() const { return failed_; }
     int error_number() const { return error_number_; }
+    // Whether bytes went to the disk around the system's cache (known once
+    // settle() or finish() returned).
+    bool bypassed_cache() const { return bypassed_; }
 
   private:
+    struct BlockFree {
+        void operator()(std::uint8_t *p) const;
+    };
+    using Block = std::unique_ptr<std::uint8_t[], BlockFree>;
+    static std::uint8_t *make_block(Block &block, std::size_t size);
+
     // Hands the full block on (to the helper thread where there is one).
     bool hand_on();
     bool put_slow(std::uint8_t c);
@@ -93,14 +113,17 @@ class ByteOutput {
     void take_failure(int error);
     // Notes where a regular file's bytes go; counts n bytes sent (which
     // starts the disk writing every few megabytes).
+    void take_descriptor(OutputFile use);
     void watch_disk(int fd, off_t at);
     void sent(std::size_t n);
+    void start_bypass();
+    void stop_bypass();
 
     int fd_ = -1;
     std::FILE *stream_ = nullptr;
     std::string *memory_ = nullptr;
-    std::unique_ptr<std::uint8_t[]> block_;
-    std::unique_ptr<std::uint8_t[]> spare_; // the block being written
+    Block block_;
+    Block spare_; // the block being written
     std::unique_ptr<HelperThread> helper_;
     int helper_error_ = 0; // the helper's errno for the block it wrote
     std::size_t block_size_;
@@ -112,6 +135,12 @@ class ByteOutput {
     bool regular_ = false;
     int disk_fd_ = -1;
     std::uint64_t sent_at_ = 0, flushing_at_ = 0;
+    // An own file on a local disk may bypass the cache; bypassing_ once it
+    // does. Both change only on the thread that sends.
+    bool may_bypass_ = false, bypassing_ = false, bypassed_ = false;
+    // Long runs are copied through the blocks too (set once, at the start:
+    // the sending thread may change the two above meanwhile).
+    bool through_blocks_ = false;
     bool failed_ = false;
     int error_number_ = 0;
 };

@@ -133,7 +133,8 @@ bool write_model(const Model &model, const std::string &path, const WriteOptions
         if (!open_output(file, path, sink)) return false;
         bool ok;
         {
-            ByteOutput out(fileno(file.stream()));
+            ByteOutput out(fileno(file.stream()),
+                           file.temporary() ? OutputFile::own : OutputFile::shared);
             Translation t(writing(options), sink);
             ok = t.write(model, out, path);
         }
@@ -176,7 +177,8 @@ TranslateResult translate(const std::string &input_path, const std::string &outp
         bool ok;
         {
             InputBytes in = InputBytes::descriptor(in_file.fd, input_path);
-            ByteOutput out(fileno(file.stream()));
+            ByteOutput out(fileno(file.stream()),
+                           file.temporary() ? OutputFile::own : OutputFile::shared);
             Translation t(options, sink);
             ok = t.run(in, out, output_path);
             result.gaps = t.gaps();
@@ -194,7 +196,7 @@ TranslateResult translate(std::FILE *input, std::FILE *output, const TranslateOp
     TranslateResult result;
     try {
         InputBytes in = InputBytes::stream(input);
-        ByteOutput out(output);
+        ByteOutput out(output, options.private_output ? OutputFile::own : OutputFile::shared);
         Translation t(options, sink);
         result.ok = t.run(in, out);
         result.gaps = t.gaps();

@@ -97,8 +97,10 @@ int run(int argc, char **argv) {
     Alarm alarm(window);
     alarm.init(program_name);
 
+    TranslateOptions options = translate_options(o);
+    options.private_output = files.output.temporary();
     TranslateResult result =
-        translate(files.input, files.output.stream(), translate_options(o), print_diagnostic);
+        translate(files.input, files.output.stream(), options, print_diagnostic);
     int status = result.ok ? 0 : -1;
     files.close_input();
     // A Stop pressed during the run turns a completed run into a failed one.

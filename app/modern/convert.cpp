@@ -146,6 +146,7 @@ int run_convert(const std::vector<std::string> &words, Console &console) {
     t.progress = [&console](std::uint64_t r, std::uint64_t total, std::uint64_t w) {
         console.progress()->update(r, total, w);
     };
+    t.private_output = out.temporary();
     TranslateResult result = translate(source, out.stream(), t, console.sink());
     if (opened) std::fclose(opened);
     const bool ok = out.close(result.ok, console);

@@ -22,6 +22,8 @@ class Output {
     // file without `force`, a file that cannot be created.
     bool open(const std::string &name, const std::string &input, bool force, Console &console);
     std::FILE *stream() const { return out_.stream(); }
+    // A temporary file beside the target, which only this program writes.
+    bool temporary() const { return out_.temporary(); }
     // Ends the output: with `keep` the target is replaced (or standard
     // output flushed); without, or when that fails (after an error
     // message), the target stays as it was. True when kept.

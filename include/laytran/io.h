@@ -83,6 +83,13 @@ struct TranslateOptions {
     // default: LAYTRAN_MEMORY when set (bytes, or with K, M, G or T: "256M"),
     // else half the physical memory.
     std::uint64_t memory_budget = 0;
+    // The output stream is a new file that nothing else writes (such as a
+    // temporary file that is to replace the target). A large output then
+    // goes to the disk around the system's cache: no copy into the cache,
+    // no pile of pages waiting for a slower disk. Never set it for a stream
+    // that another program may write too, such as a redirected standard
+    // output. (The path form of `translate` needs no such word.)
+    bool private_output = false;
     ProgressFn progress;
 };
 
