@@ -1,7 +1,9 @@
 // The public API: paths written through a temporary file, the input refused
 // as output; reading, writing and translating in memory and on paths;
 // eight translations at once on eight threads.
+#include <ctime>
 #include <dirent.h>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <thread>
@@ -110,6 +112,42 @@ TEST(Api, InputAsOutputIsRefusedAndAFailedCallKeepsThePreviousFile) {
     EXPECT_EQ(system_error_text(-1), "unknown error code d=-1, x=ffffffff");
     EXPECT_STREQ(version(), LAYTRAN_VERSION_STRING);
     EXPECT_STREQ(version(), "3.0a");
+}
+
+// A file written to while it is read (by a slicer still writing it, say)
+// fails the run and leaves the previous output, whether its model is kept or
+// it is read twice, even when the change keeps every count.
+TEST(Api, AnInputChangedWhileItIsReadFailsTheRun) {
+    TempDir d;
+    const std::string text = read_file(source_path("samples/plate.cli"));
+    const std::string in = d.file("in.cli"), out = d.file("out.cli");
+    // The last layer's outline 30 mm wide instead of 20: same size, same counts.
+    const std::size_t at = text.rfind("$$POLYLINE/1,1,5,0,0,2") + 21;
+    for (std::uint64_t budget : {std::uint64_t(0), std::uint64_t(1)}) {
+        SCOPED_TRACE(budget ? "read twice" : "kept");
+        write_file(in, text);
+        // An hour old, so that any write moves its modification time.
+        const struct timespec old[2] = {{time(nullptr) - 3600, 0}, {time(nullptr) - 3600, 0}};
+        ASSERT_EQ(utimensat(AT_FDCWD, in.c_str(), old, 0), 0);
+        write_file(out, "previous");
+        TranslateOptions t;
+        t.output = OutputForm::cli_ascii;
+        t.memory_budget = budget;
+        bool written = false;
+        t.progress = [&](std::uint64_t, std::uint64_t, std::uint64_t) {
+            if (written) return;
+            written = true;
+            const int fd = open(in.c_str(), O_WRONLY);
+            EXPECT_EQ(pwrite(fd, "3", 1, static_cast<off_t>(at)), 1);
+            close(fd);
+        };
+        Log log;
+        EXPECT_FALSE(translate(in, out, t, log.sink()).ok);
+        EXPECT_TRUE(written);
+        EXPECT_NE(log.text.find("the input file changed while it was read"), std::string::npos)
+            << log.text;
+        EXPECT_EQ(read_file(out), "previous");
+    }
 }
 
 TEST(Api, ReadWriteAndTranslateInMemoryAndOnPaths) {

@@ -119,12 +119,24 @@ std::unique_ptr<ByteInput> InputBytes::open() {
         struct stat st;
         start_ = stream_ ? ftello(stream_) : lseek(fd, 0, SEEK_CUR);
         rereadable_ = start_ >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
+        if (rereadable_) {
+            file_size_ = st.st_size;
+            modified_ = st.st_mtim;
+        }
     } else if (!rereadable_ || (stream_ ? fseeko(stream_, start_, SEEK_SET) != 0
                                         : lseek(fd, start_, SEEK_SET) != start_)) {
         return nullptr;
     }
     if (stream_) return std::make_unique<ByteInput>(stream_);
     return std::make_unique<ByteInput>(fd_);
+}
+
+bool InputBytes::changed() const {
+    if (!rereadable_) return false;
+    struct stat st;
+    if (fstat(stream_ ? fileno(stream_) : fd_, &st) != 0) return false;
+    return st.st_size != file_size_ || st.st_mtim.tv_sec != modified_.tv_sec ||
+           st.st_mtim.tv_nsec != modified_.tv_nsec;
 }
 
 // Translation
@@ -537,6 +549,10 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
             }
         }
     }
+    // A file written to while it was read (by a tool still writing it, say)
+    // gave a mix of two files, even where the counts agree.
+    if (begun && !input_failure_ && input.changed())
+        input_failure_ = read_error(0, "the input file changed while it was read");
     // End the output now, so that a failure of its last write is reported
     // like any other.
     if (begun && !sink->finish() && !sink->error() && !output_failure_)

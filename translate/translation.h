@@ -35,6 +35,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
+#include <ctime>
 #include <functional>
 #include <memory>
 #include <string>
@@ -63,6 +64,9 @@ class InputBytes {
     // Whether open() may be called again (memory and regular files); known
     // once open() was called.
     bool rereadable() const { return !stream_ && fd_ < 0 ? true : rereadable_; }
+    // Whether a regular file's size or modification time differs from what
+    // they were at the first open() (a file still being written, say).
+    bool changed() const;
     // The name diagnostics give the input ("" when unknown).
     const std::string &name() const { return name_; }
 
@@ -77,6 +81,8 @@ class InputBytes {
     bool opened_ = false;
     bool rereadable_ = false;
     off_t start_ = 0;
+    off_t file_size_ = 0;
+    struct timespec modified_ = {};
 };
 
 // How a translation makes its sources and sinks: the format modules'
