@@ -57,16 +57,19 @@ std::uint8_t *ByteOutput::make_block(Block &block, std::size_t size) {
     return block.get();
 }
 
-ByteOutput::ByteOutput(int fd, OutputFile use, std::size_t block) : fd_(fd), block_size_(block) {
+void ByteOutput::first_block() {
     pos_ = make_block(block_, block_size_);
     end_ = pos_ + block_size_;
+}
+
+ByteOutput::ByteOutput(int fd, OutputFile use, std::size_t block) : fd_(fd), block_size_(block) {
+    first_block();
     take_descriptor(use);
 }
 
 ByteOutput::ByteOutput(std::FILE *stream, OutputFile use, std::size_t block)
     : stream_(stream), block_size_(block) {
-    pos_ = make_block(block_, block_size_);
-    end_ = pos_ + block_size_;
+    first_block();
     const int fd = fileno(stream);
     if (fd < 0) return;
     if (use == OutputFile::own && std::fflush(stream) == 0) {
@@ -115,38 +118,36 @@ void ByteOutput::stop_bypass() {
     bypassing_ = may_bypass_ = false;
 }
 
+void ByteOutput::start_disk_writing() {
+#ifdef SYNC_FILE_RANGE_WRITE
+    // Only a hint, whatever it answers.
+    sync_file_range(disk_fd_, static_cast<off_t>(flushing_at_),
+                    static_cast<off_t>(sent_at_ - flushing_at_), SYNC_FILE_RANGE_WRITE);
+#endif
+    flushing_at_ = sent_at_;
+}
+
 void ByteOutput::sent(std::size_t n) {
     sent_at_ += n;
     if (bypassing_) return;
     if (may_bypass_ && sent_at_ >= bypass_from && sent_at_ % direct_unit == 0) {
         // What the cache holds goes to the disk now; what follows, around it.
-#ifdef SYNC_FILE_RANGE_WRITE
-        sync_file_range(disk_fd_, static_cast<off_t>(flushing_at_),
-                        static_cast<off_t>(sent_at_ - flushing_at_), SYNC_FILE_RANGE_WRITE);
-        flushing_at_ = sent_at_;
-#endif
+        start_disk_writing();
         start_bypass();
         return;
     }
-#ifdef SYNC_FILE_RANGE_WRITE
-    // The system starts writing what it holds of the file, without waiting
-    // for it; only a hint, whatever it answers. A disk that cannot take the
-    // bytes as fast as they come makes the call wait: the system is then
-    // left to write them in its own time.
+    // A disk that cannot take the bytes as fast as they come makes the call
+    // wait: the system is then left to write them in its own time.
     if (regular_ && sent_at_ - flushing_at_ >= disk_step) {
         const auto start = std::chrono::steady_clock::now();
-        sync_file_range(disk_fd_, static_cast<off_t>(flushing_at_),
-                        static_cast<off_t>(sent_at_ - flushing_at_), SYNC_FILE_RANGE_WRITE);
-        flushing_at_ = sent_at_;
+        start_disk_writing();
         if (std::chrono::steady_clock::now() - start > disk_wait) regular_ = false;
     }
-#endif
 }
 
 ByteOutput::ByteOutput(std::string *memory, std::size_t block)
     : memory_(memory), block_size_(block) {
-    pos_ = make_block(block_, block_size_);
-    end_ = pos_ + block_size_;
+    first_block();
 }
 
 ByteOutput::~ByteOutput() {

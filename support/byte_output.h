@@ -102,6 +102,7 @@ class ByteOutput {
     };
     using Block = std::unique_ptr<std::uint8_t[], BlockFree>;
     static std::uint8_t *make_block(Block &block, std::size_t size);
+    void first_block();
 
     // Hands the full block on (to the helper thread where there is one).
     bool hand_on();
@@ -116,6 +117,9 @@ class ByteOutput {
     void take_descriptor(OutputFile use);
     void watch_disk(int fd, off_t at);
     void sent(std::size_t n);
+    // The system starts writing the bytes sent since it was last told,
+    // without waiting for them.
+    void start_disk_writing();
     void start_bypass();
     void stop_bypass();
 

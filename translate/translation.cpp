@@ -113,7 +113,7 @@ InputBytes InputBytes::memory(const void *data, std::size_t size, std::string na
 
 std::unique_ptr<ByteInput> InputBytes::open() {
     if (!stream_ && fd_ < 0) return std::make_unique<ByteInput>(data_, size_);
-    const int fd = stream_ ? fileno(stream_) : fd_;
+    const int fd = descriptor();
     if (!opened_) {
         opened_ = true;
         struct stat st;
@@ -134,7 +134,7 @@ std::unique_ptr<ByteInput> InputBytes::open() {
 bool InputBytes::changed() const {
     if (!rereadable_) return false;
     struct stat st;
-    if (fstat(stream_ ? fileno(stream_) : fd_, &st) != 0) return false;
+    if (fstat(descriptor(), &st) != 0) return false;
     return st.st_size != file_size_ || st.st_mtim.tv_sec != modified_.tv_sec ||
            st.st_mtim.tv_nsec != modified_.tv_nsec;
 }

@@ -72,6 +72,7 @@ class InputBytes {
 
   private:
     InputBytes() = default;
+    int descriptor() const { return stream_ ? fileno(stream_) : fd_; }
 
     int fd_ = -1;
     std::FILE *stream_ = nullptr;
