@@ -15,6 +15,7 @@
 // sync at the end (the output file's before its rename) finds little left.
 #pragma once
 
+#include <algorithm>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -79,6 +80,28 @@ class ByteOutput {
         return reserve_slow(n);
     }
     void commit(std::size_t k) { pos_ += k; }
+
+    // Formats `count` items in batches of up to `batch` in place in the
+    // block: `format(first, end, to)` writes items [first, end) at `to`, at
+    // most `room` bytes an item, and returns the bytes written. A block
+    // smaller than a batch takes one item at a time through `local` (room
+    // bytes). False once the output has failed.
+    template <class Format>
+    bool write_batches(std::size_t count, std::size_t batch, std::size_t room, char *local,
+                       Format &&format) {
+        for (std::size_t i = 0; i < count;) {
+            char *buf = reserve(std::min(count - i, batch) * room);
+            if (!buf && failed_) return false;
+            const std::size_t end = buf ? i + std::min(count - i, batch) : i + 1;
+            const std::size_t len = format(i, end, buf ? buf : local);
+            i = end;
+            if (buf)
+                commit(len);
+            else
+                write(local, len);
+        }
+        return true;
+    }
 
     // Hands every buffered byte to the destination (and flushes a stream).
     bool flush();

@@ -176,6 +176,37 @@ TEST(ByteOutput, EveryDestinationGetsTheSameBytes) {
     EXPECT_EQ(read_file(d.file("stream")), data);
 }
 
+// Items formatted in batches in place, or one at a time through the
+// caller's room when the block is smaller than a batch: the same bytes.
+TEST(ByteOutput, BatchesInPlaceOrOneAtATimeGiveTheSameBytes) {
+    // Item i: one to three letters and a comma, four bytes at the most.
+    auto item = [](std::size_t i) {
+        return std::string(1 + i % 3, static_cast<char>('a' + i % 26)) + ",";
+    };
+    std::string want;
+    for (std::size_t i = 0; i < 100; i++)
+        want += item(i);
+    for (std::size_t block : {std::size_t(8), ByteOutput::default_block}) {
+        std::string got;
+        {
+            ByteOutput out(&got, block);
+            char local[4];
+            EXPECT_TRUE(out.write_batches(100, 16, 4, local,
+                                          [&](std::size_t first, std::size_t end, char *to) {
+                                              std::size_t k = 0;
+                                              for (std::size_t i = first; i < end; i++) {
+                                                  const std::string t = item(i);
+                                                  memcpy(to + k, t.data(), t.size());
+                                                  k += t.size();
+                                              }
+                                              return k;
+                                          }));
+            EXPECT_TRUE(out.finish());
+        }
+        EXPECT_EQ(got, want) << "block " << block;
+    }
+}
+
 // An own file goes around the system's cache once its first megabytes are
 // out (on a local disk): whole units from aligned blocks, what is left of a
 // block carried into the next, the short last block through the cache.

@@ -246,25 +246,15 @@ bool CliWriter::check_element(bool hatches, std::uint32_t id, std::uint32_t dire
 void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
     if (!binary_) {
         text(",");
-        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2, batch = 64;
+        constexpr std::size_t room = 2 * NUMBER_TEXT_MAX + 2;
         char local[room];
-        for (std::size_t i = 0; i < count;) {
-            // A batch of points in place, or one point through `local` when
-            // the block is smaller than a batch.
-            const std::size_t n = std::min(count - i, batch);
-            char *buf = out_.reserve(n * room);
-            if (!buf && out_.failed()) return;
-            char *to = buf ? buf : local;
-            const std::size_t end = buf ? i + n : i + 1;
-            std::size_t k = 0;
-            if (i > 0) to[k++] = ',';
-            k += marked_reals_(&p[i].x, 2 * (end - i), to + k);
-            i = end;
-            if (buf)
-                out_.commit(k);
-            else
-                out_.write(local, k);
-        }
+        const bool ok = out_.write_batches(
+            count, 64, room, local, [&](std::size_t first, std::size_t end, char *to) {
+                std::size_t k = 0;
+                if (first > 0) to[k++] = ',';
+                return k + marked_reals_(&p[first].x, 2 * (end - first), to + k);
+            });
+        if (!ok) return;
         text("\n");
         return;
     }
@@ -276,29 +266,23 @@ void CliWriter::points(const Point *p, std::size_t count, bool shorts) {
         return;
     }
     const std::size_t size = shorts ? 4 : 8;
-    std::uint8_t local[run_points * 8];
-    for (std::size_t i = 0; i < count;) {
-        const std::size_t n = std::min(count - i, run_points);
-        auto *buf = reinterpret_cast<std::uint8_t *>(out_.reserve(n * size));
-        if (!buf && out_.failed()) return;
-        std::uint8_t *to = buf ? buf : local;
-        if (shorts) {
-            for (std::size_t j = 0; j < n; j++, to += 4) {
-                store_u16(to, static_cast<std::uint32_t>(p[i + j].x));
-                store_u16(to + 2, static_cast<std::uint32_t>(p[i + j].y));
-            }
-        } else {
-            for (std::size_t j = 0; j < n; j++, to += 8) {
-                store_u32(to, float_bits(p[i + j].x));
-                store_u32(to + 4, float_bits(p[i + j].y));
-            }
-        }
-        if (buf)
-            out_.commit(n * size);
-        else
-            out_.write(local, n * size);
-        i += n;
-    }
+    char local[8];
+    out_.write_batches(count, run_points, size, local,
+                       [&](std::size_t first, std::size_t end, char *buf) {
+                           auto *to = reinterpret_cast<std::uint8_t *>(buf);
+                           if (shorts) {
+                               for (std::size_t j = first; j < end; j++, to += 4) {
+                                   store_u16(to, static_cast<std::uint32_t>(p[j].x));
+                                   store_u16(to + 2, static_cast<std::uint32_t>(p[j].y));
+                               }
+                           } else {
+                               for (std::size_t j = first; j < end; j++, to += 8) {
+                                   store_u32(to, float_bits(p[j].x));
+                                   store_u32(to + 4, float_bits(p[j].y));
+                               }
+                           }
+                           return (end - first) * size;
+                       });
 }
 
 bool CliWriter::write_element(CliElementKind kind, std::uint32_t id, std::uint32_t direction,

@@ -251,21 +251,11 @@ bool FdmWriter::contour(const Point *points, std::size_t count) {
     const std::size_t n = closed ? count - 1 : count;
     // Points in batches formatted in place, or one at a time through
     // `local` when the output's block is smaller than a batch.
-    constexpr std::size_t room = 2 * number_text_size + 2, batch = 64;
+    constexpr std::size_t room = 2 * number_text_size + 2;
     char local[room];
-    for (std::size_t i = 0; i < n;) {
-        const std::size_t k = std::min(n - i, batch);
-        char *buf = out_.reserve(k * room);
-        if (!buf && out_.failed()) break;
-        char *to = buf ? buf : local;
-        const std::size_t end = buf ? i + k : i + 1;
-        const std::size_t len = format_points_(points + i, end - i, to);
-        i = end;
-        if (buf)
-            out_.commit(len);
-        else
-            out_.write(local, len);
-    }
+    out_.write_batches(n, 64, room, local, [&](std::size_t first, std::size_t end, char *to) {
+        return format_points_(points + first, end - first, to);
+    });
     out_.write(closed ? "C\n" : "O\n");
     return check();
 }
