@@ -39,17 +39,6 @@ std::string g(double v) {
     return std::string(text, format_g(v, text));
 }
 
-const char *input_name(InputFormat f) {
-    switch (f) {
-    case InputFormat::slc:
-        return "SLC";
-    case InputFormat::fdm:
-        return "FDM";
-    default:
-        return "CLI";
-    }
-}
-
 const char *output_name(OutputForm f) {
     if (f == OutputForm::slc) return "SLC";
     if (f == OutputForm::fdm) return "FDM";
@@ -231,7 +220,7 @@ std::unique_ptr<LayerSource> Translation::open_source(ByteInput &in) {
     } catch (const std::bad_alloc &) {
     }
     if (!source)
-        reporter_.error(std::string("failed to initialize the ") + input_name(options_.input) +
+        reporter_.error(std::string("failed to initialize the ") + format_label(options_.input) +
                         " input.");
     return source;
 }

@@ -36,10 +36,6 @@ const char *detected_name(Detected d) {
     return "unknown";
 }
 
-const char *upper_name(InputFormat f) {
-    return f == InputFormat::slc ? "SLC" : f == InputFormat::fdm ? "FDM" : "CLI";
-}
-
 // Reads up to detect_window bytes from the descriptor's position.
 bool read_head(int fd, std::vector<unsigned char> &head, bool positioned, off_t at) {
     head.resize(detect_window);
@@ -165,7 +161,7 @@ bool Input::open(const std::string &given, const std::string *from, Console &con
         format = input_format(detected);
         if (has_extension && by_extension != format)
             console.warning(std::string("the contents are ") + detected_name(detected) + ", not " +
-                                upper_name(by_extension) + " as the extension says: reading as " +
+                                format_label(by_extension) + " as the extension says: reading as " +
                                 detected_name(detected),
                             shown);
     } else if (has_extension) {

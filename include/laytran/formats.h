@@ -21,6 +21,11 @@ enum class OutputForm {
     fdm,               // FDM slice file (.ssl), inches (part contours only)
 };
 
+// The format's name in messages: "CLI", "SLC" or "FDM".
+constexpr const char *format_label(InputFormat f) {
+    return f == InputFormat::slc ? "SLC" : f == InputFormat::fdm ? "FDM" : "CLI";
+}
+
 // True for the four CLI output forms that carry binary geometry.
 constexpr bool is_binary_cli(OutputForm f) {
     return f == OutputForm::cli_binary || f == OutputForm::cli_aligned ||
