@@ -6,21 +6,43 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "support/helper_thread.h"
+
 namespace laytran {
 
-ByteInput::ByteInput(int fd, std::size_t block) : fd_(fd), block_size_(block) {
-    measure();
+// The second block and the helper that fills it. Each block keeps a block's
+// room in front of its bytes, where the unread tail of the block before is
+// put when the reader moves on.
+struct ByteInput::Ahead {
+    int fd = -1;
+    std::uint64_t offset = 0; // of the file, where the next read starts
+    std::unique_ptr<std::uint8_t[]> spare;
+    // What the last read ahead gave: bytes, and whether it met the end or
+    // a failure (with its errno).
+    std::size_t got = 0;
+    bool ended = false;
+    int error = 0;
+    bool failed = false;
+    HelperThread helper; // last: it stops before the blocks go
+};
+
+ByteInput::ByteInput(int fd, std::size_t block, std::uint64_t ahead_from)
+    : fd_(fd), block_size_(block) {
+    measure(ahead_from);
 }
 
-ByteInput::ByteInput(std::FILE *stream, std::size_t block) : stream_(stream), block_size_(block) {
-    measure();
+ByteInput::ByteInput(std::FILE *stream, std::size_t block, std::uint64_t ahead_from)
+    : stream_(stream), block_size_(block) {
+    measure(ahead_from);
 }
 
 ByteInput::ByteInput(const void *data, std::size_t size)
     : data_(static_cast<const std::uint8_t *>(data)), pos_(data_), end_(data_ + size), limit_(end_),
       at_end_(false), size_known_(true), size_(size) {}
 
-void ByteInput::measure() {
+ByteInput::~ByteInput() = default;
+
+void ByteInput::measure(std::uint64_t ahead_from) {
     int fd = stream_ ? fileno(stream_) : fd_;
     struct stat st;
     if (fd < 0 || fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) return;
@@ -31,6 +53,36 @@ void ByteInput::measure() {
     // A small file needs no larger block than itself (and at least a byte).
     if (size_ < block_size_)
         block_size_ = std::max<std::size_t>(static_cast<std::size_t>(size_), 1);
+    if (size_ >= ahead_from) {
+        ahead_ = std::make_unique<Ahead>();
+        ahead_->fd = fd;
+        ahead_->offset = static_cast<std::uint64_t>(at);
+    }
+}
+
+// Fills the spare block behind its front room, on the helper thread.
+void ByteInput::read_ahead() {
+    Ahead &a = *ahead_;
+    std::uint8_t *to = a.spare.get() + block_size_;
+    const std::size_t size = block_size_;
+    a.helper.run([&a, to, size] {
+        a.got = 0;
+        while (a.got < size) {
+            const ssize_t got =
+                ::pread(a.fd, to + a.got, size - a.got, static_cast<off_t>(a.offset));
+            if (got > 0) {
+                a.got += static_cast<std::size_t>(got);
+                a.offset += static_cast<std::uint64_t>(got);
+            } else if (got == 0) {
+                a.ended = true;
+                return;
+            } else if (errno != EINTR) {
+                a.failed = true;
+                a.error = errno;
+                return;
+            }
+        }
+    });
 }
 
 bool ByteInput::unget(int c) {
@@ -105,6 +157,7 @@ bool ByteInput::refill(std::size_t want) {
         at_end_ = true;
         return false;
     }
+    if (ahead_) return refill_ahead(want);
     if (!block_) block_.reset(new std::uint8_t[block_size_]);
     std::size_t keep = static_cast<std::size_t>(end_ - pos_);
     if (keep > 0 && pos_ != block_.get()) std::memmove(block_.get(), pos_, keep);
@@ -115,6 +168,41 @@ bool ByteInput::refill(std::size_t want) {
         std::size_t got = read_source(block_.get() + (end_ - data_),
                                       block_size_ - static_cast<std::size_t>(end_ - data_));
         end_ += got;
+    }
+    limit_ = pushback_count_ > 0 ? pos_ : end_;
+    return static_cast<std::size_t>(end_ - pos_) >= want;
+}
+
+// The next block from the helper, with the unread tail of this one put in
+// front of it. The helper's end or failure shows once its last bytes are
+// taken, where a read of our own would have met it.
+bool ByteInput::refill_ahead(std::size_t want) {
+    Ahead &a = *ahead_;
+    const std::size_t keep = static_cast<std::size_t>(end_ - pos_);
+    base_ += static_cast<std::uint64_t>(pos_ - data_);
+    if (!block_) {
+        block_.reset(new std::uint8_t[2 * block_size_]);
+        a.spare.reset(new std::uint8_t[2 * block_size_]);
+        read_ahead();
+    }
+    a.helper.wait();
+    if (a.got == 0) {
+        // Nothing more: the tail stays where it is.
+        data_ = pos_;
+        if (a.failed) {
+            failed_ = true;
+            error_number_ = a.error;
+        } else {
+            at_end_ = true;
+        }
+    } else {
+        std::uint8_t *fresh = a.spare.get() + block_size_;
+        std::memcpy(fresh - keep, pos_, keep);
+        data_ = pos_ = fresh - keep;
+        end_ = fresh + a.got;
+        block_.swap(a.spare);
+        a.got = 0;
+        if (!a.ended && !a.failed) read_ahead();
     }
     limit_ = pushback_count_ > 0 ? pos_ : end_;
     return static_cast<std::size_t>(end_ - pos_) >= want;
@@ -144,7 +232,7 @@ std::size_t ByteInput::read(void *out, std::size_t n) {
             continue;
         }
         // A long run goes straight from the source into the caller's memory.
-        if (n - done >= block_size_ && (fd_ >= 0 || stream_)) {
+        if (n - done >= block_size_ && (fd_ >= 0 || stream_) && !ahead_) {
             base_ += static_cast<std::uint64_t>(pos_ - data_);
             data_ = pos_ = end_ = limit_ = block_ ? block_.get() : nullptr;
             std::size_t got = read_source(to + done, n - done);

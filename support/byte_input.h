@@ -7,6 +7,12 @@
 // hands them out first. The offset is never counted per byte: it is the
 // bytes of earlier blocks plus the position in the current one, less the
 // bytes held in the pushback.
+//
+// A regular file of some size is read ahead: a helper thread reads the next
+// block (with pread, from the input's own offset) while the reader works on
+// the current one, so that the copy out of the page cache and the parsing
+// overlap. The bytes, the offsets and the place where a read error or the
+// end shows are those of reading without it.
 #pragma once
 
 #include <cstddef>
@@ -22,15 +28,26 @@ class ByteInput {
     static constexpr std::size_t default_block = std::size_t(1) << 20;
     static constexpr int pushback_max = 3;
 
+    // Inputs from this size on are read ahead on a helper thread.
+    static constexpr std::uint64_t read_ahead_min = std::uint64_t(8) << 20;
+
     // Reads the descriptor from its current position; it stays the caller's.
-    explicit ByteInput(int fd, std::size_t block = default_block);
+    // A regular file of `ahead_from` bytes or more is read ahead (and its
+    // descriptor's position then stays where it was).
+    explicit ByteInput(int fd, std::size_t block = default_block,
+                       std::uint64_t ahead_from = read_ahead_min);
     // Reads the stream from its current position; it stays the caller's.
-    explicit ByteInput(std::FILE *stream, std::size_t block = default_block);
+    explicit ByteInput(std::FILE *stream, std::size_t block = default_block,
+                       std::uint64_t ahead_from = read_ahead_min);
     // Reads `size` bytes at `data`, which must outlive the object.
     ByteInput(const void *data, std::size_t size);
 
+    ~ByteInput();
     ByteInput(const ByteInput &) = delete;
     ByteInput &operator=(const ByteInput &) = delete;
+
+    // Whether this input is read ahead.
+    bool reading_ahead() const { return ahead_ != nullptr; }
 
     // The next byte (0..255), or `eof` at the end of the input and after a
     // failed read (then `failed()` is true).
@@ -91,9 +108,13 @@ class ByteInput {
     // Moves the unread tail of the block to its start and reads behind it
     // until `want` bytes wait; false when fewer came.
     bool refill(std::size_t want);
+    bool refill_ahead(std::size_t want);
+    void read_ahead();
     // One read from the source into `to`; 0 at its end or after a failure.
     std::size_t read_source(std::uint8_t *to, std::size_t n);
-    void measure();
+    void measure(std::uint64_t ahead_from);
+    struct Ahead;
+    std::unique_ptr<Ahead> ahead_;
 
     int fd_ = -1;
     std::FILE *stream_ = nullptr;

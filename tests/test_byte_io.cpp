@@ -72,17 +72,22 @@ TEST(ByteInput, EverySourceAndBlockSizeGivesTheSameBytes) {
         ByteInput in(data.data(), data.size());
         expect_reads_back(in, data);
     }
+    // Each file read by this thread alone and read ahead by a helper.
     for (std::size_t block : {std::size_t(7), std::size_t(64), std::size_t(1) << 20}) {
-        int fd = open(d.file("in").c_str(), O_RDONLY);
-        ByteInput in(fd, block);
-        EXPECT_TRUE(in.size_known());
-        EXPECT_EQ(in.size(), data.size());
-        expect_reads_back(in, data);
-        close(fd);
-        FILE *f = fopen(d.file("in").c_str(), "rb");
-        ByteInput s(f, block);
-        expect_reads_back(s, data);
-        fclose(f);
+        for (std::uint64_t ahead_from : {UINT64_MAX, std::uint64_t(0)}) {
+            SCOPED_TRACE(testing::Message() << "block " << block << ", ahead from " << ahead_from);
+            int fd = open(d.file("in").c_str(), O_RDONLY);
+            ByteInput in(fd, block, ahead_from);
+            EXPECT_TRUE(in.size_known());
+            EXPECT_EQ(in.size(), data.size());
+            EXPECT_EQ(in.reading_ahead(), ahead_from == 0);
+            expect_reads_back(in, data);
+            close(fd);
+            FILE *f = fopen(d.file("in").c_str(), "rb");
+            ByteInput s(f, block, ahead_from);
+            expect_reads_back(s, data);
+            fclose(f);
+        }
     }
     // A pipe has no size, and gives its bytes in pieces.
     int p[2];
@@ -100,35 +105,38 @@ TEST(ByteInput, ContiguousCrossesBlockEndsAndMeasuresFromTheCurrentPosition) {
     const std::string data = bytes(100);
     TempDir d;
     write_file(d.file("in"), data);
-    int fd = open(d.file("in").c_str(), O_RDONLY);
-    ASSERT_EQ(lseek(fd, 10, SEEK_SET), 10);
-    ByteInput in(fd, 16);
-    EXPECT_EQ(in.size(), 90u);
-    for (int i = 0; i < 14; i++)
+    for (std::uint64_t ahead_from : {UINT64_MAX, std::uint64_t(0)}) {
+        SCOPED_TRACE(testing::Message() << "ahead from " << ahead_from);
+        int fd = open(d.file("in").c_str(), O_RDONLY);
+        ASSERT_EQ(lseek(fd, 10, SEEK_SET), 10);
+        ByteInput in(fd, 16, ahead_from);
+        EXPECT_EQ(in.size(), 90u);
+        for (int i = 0; i < 14; i++)
+            in.get();
+        const std::uint8_t *p = in.contiguous(12); // 2 bytes left in the block
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(std::string(reinterpret_cast<const char *>(p), 12), data.substr(24, 12));
+        in.skip(12);
+        EXPECT_EQ(in.remaining(), 90u - 26u);
+        EXPECT_EQ(in.contiguous(17), nullptr); // more than a block
+        const int c = in.get(), d2 = in.get();
+        in.unget(d2);
+        in.unget(c);
+        EXPECT_EQ(in.contiguous(1), nullptr); // pushback waits
+        // ... until it is settled back into the block, bytes and offset alike.
+        const std::uint64_t at = in.offset();
+        EXPECT_TRUE(in.settle_pushback());
+        EXPECT_EQ(in.offset(), at);
+        p = in.contiguous(2);
+        ASSERT_NE(p, nullptr);
+        EXPECT_EQ(p[0], c);
+        EXPECT_EQ(p[1], d2);
         in.get();
-    const std::uint8_t *p = in.contiguous(12); // 2 bytes left in the block
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(std::string(reinterpret_cast<const char *>(p), 12), data.substr(24, 12));
-    in.skip(12);
-    EXPECT_EQ(in.remaining(), 90u - 26u);
-    EXPECT_EQ(in.contiguous(17), nullptr); // more than a block
-    const int c = in.get(), d2 = in.get();
-    in.unget(d2);
-    in.unget(c);
-    EXPECT_EQ(in.contiguous(1), nullptr); // pushback waits
-    // ... until it is settled back into the block, bytes and offset alike.
-    const std::uint64_t at = in.offset();
-    EXPECT_TRUE(in.settle_pushback());
-    EXPECT_EQ(in.offset(), at);
-    p = in.contiguous(2);
-    ASSERT_NE(p, nullptr);
-    EXPECT_EQ(p[0], c);
-    EXPECT_EQ(p[1], d2);
-    in.get();
-    in.unget('x'); // not the byte read
-    EXPECT_FALSE(in.settle_pushback());
-    EXPECT_EQ(in.get(), 'x');
-    close(fd);
+        in.unget('x'); // not the byte read
+        EXPECT_FALSE(in.settle_pushback());
+        EXPECT_EQ(in.get(), 'x');
+        close(fd);
+    }
 }
 
 TEST(ByteInput, AFailedReadIsKeptWithItsErrno) {
@@ -138,6 +146,20 @@ TEST(ByteInput, AFailedReadIsKeptWithItsErrno) {
     EXPECT_TRUE(in.failed());
     EXPECT_EQ(in.error_number(), EISDIR);
     close(fd);
+    // A file open for writing only fails its reads, on this thread or ahead.
+    TempDir d;
+    write_file(d.file("in"), bytes(100));
+    for (std::uint64_t ahead_from : {UINT64_MAX, std::uint64_t(0)}) {
+        fd = open(d.file("in").c_str(), O_WRONLY);
+        ByteInput w(fd, 16, ahead_from);
+        EXPECT_EQ(w.contiguous(4), nullptr);
+        EXPECT_EQ(w.get(), ByteInput::eof);
+        EXPECT_TRUE(w.failed());
+        EXPECT_FALSE(w.at_end());
+        EXPECT_EQ(w.error_number(), EBADF);
+        EXPECT_EQ(w.offset(), 0u);
+        close(fd);
+    }
 }
 
 TEST(ByteOutput, EveryDestinationGetsTheSameBytes) {
