@@ -6,25 +6,95 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <condition_variable>
+#include <mutex>
+
 #include "support/helper_thread.h"
 
 namespace laytran {
 
-// The second block and the helper that fills it. Each block keeps a block's
-// room in front of its bytes, where the unread tail of the block before is
-// put when the reader moves on.
+// The blocks read ahead: a ring the helper fills in order and the reader
+// empties in order. Each block keeps a block's room in front of its bytes,
+// where the unread tail of the block before is put when the reader moves
+// on. The two wake each other only when needed: the reader when it waits
+// for a block, the helper once half the ring is free again, so that a
+// thread switch comes every few blocks rather than with each.
 struct ByteInput::Ahead {
-    int fd = -1;
-    std::uint64_t offset = 0; // of the file, where the next read starts
-    std::unique_ptr<std::uint8_t[]> spare;
-    // What the last read ahead gave: bytes, and whether it met the end or
-    // a failure (with its errno).
-    std::size_t got = 0;
-    bool ended = false;
-    int error = 0;
-    bool failed = false;
-    HelperThread helper; // last: it stops before the blocks go
+    static constexpr int slots = 4;
+    struct Slot {
+        std::unique_ptr<std::uint8_t[]> bytes; // room, then the block
+        std::size_t got = 0;
+        bool ended = false; // the file ended behind these bytes
+        int error = 0;      // a read failed behind them (errno)
+    };
+
+    Ahead(int fd, std::uint64_t offset, std::size_t block) : fd(fd), offset(offset), block(block) {}
+    ~Ahead() {
+        {
+            std::lock_guard<std::mutex> lock(mutex);
+            stop = true;
+        }
+        cv.notify_all();
+        helper.wait();
+    }
+    void fill();
+
+    const int fd;
+    std::uint64_t offset; // the helper's: where the next read starts
+    const std::size_t block;
+    Slot ring[slots];
+    std::mutex mutex;
+    std::condition_variable cv;
+    // Under the mutex: blocks filled and not yet taken, blocks the reader
+    // gave back, who waits, and whether to stop.
+    int filled = 0, free = slots;
+    bool reader_waits = false, helper_waits = false, stop = false;
+    // The reader's: the block it reads from (-1 before the first).
+    int current = -1;
+    bool last_taken = false; // the block taken last ended the reading
+    int last_error = 0;      // ... on a failed read (errno)
+    HelperThread helper;     // last: it stops before the blocks go
 };
+
+// The helper's loop: fills blocks in ring order until the end of the file,
+// a failed read or stop.
+void ByteInput::Ahead::fill() {
+    int next = 0;
+    std::unique_lock<std::mutex> lock(mutex);
+    for (;;) {
+        // Wait for half the ring, unless the reader waits for a block.
+        while (!stop && (free == 0 || (free < slots / 2 && filled > 0 && !reader_waits))) {
+            helper_waits = true;
+            cv.wait(lock);
+            helper_waits = false;
+        }
+        if (stop) return;
+        free--;
+        lock.unlock();
+        Slot &s = ring[next];
+        if (!s.bytes) s.bytes.reset(new std::uint8_t[2 * block]);
+        std::uint8_t *to = s.bytes.get() + block;
+        s.got = 0;
+        while (s.got < block) {
+            const ssize_t got = ::pread(fd, to + s.got, block - s.got, static_cast<off_t>(offset));
+            if (got > 0) {
+                s.got += static_cast<std::size_t>(got);
+                offset += static_cast<std::uint64_t>(got);
+            } else if (got == 0) {
+                s.ended = true;
+                break;
+            } else if (errno != EINTR) {
+                s.error = errno;
+                break;
+            }
+        }
+        next = (next + 1) % slots;
+        lock.lock();
+        filled++;
+        if (reader_waits) cv.notify_all();
+        if (s.ended || s.error) return;
+    }
+}
 
 ByteInput::ByteInput(int fd, std::size_t block, std::uint64_t ahead_from)
     : fd_(fd), block_size_(block) {
@@ -53,36 +123,8 @@ void ByteInput::measure(std::uint64_t ahead_from) {
     // A small file needs no larger block than itself (and at least a byte).
     if (size_ < block_size_)
         block_size_ = std::max<std::size_t>(static_cast<std::size_t>(size_), 1);
-    if (size_ >= ahead_from) {
-        ahead_ = std::make_unique<Ahead>();
-        ahead_->fd = fd;
-        ahead_->offset = static_cast<std::uint64_t>(at);
-    }
-}
-
-// Fills the spare block behind its front room, on the helper thread.
-void ByteInput::read_ahead() {
-    Ahead &a = *ahead_;
-    std::uint8_t *to = a.spare.get() + block_size_;
-    const std::size_t size = block_size_;
-    a.helper.run([&a, to, size] {
-        a.got = 0;
-        while (a.got < size) {
-            const ssize_t got =
-                ::pread(a.fd, to + a.got, size - a.got, static_cast<off_t>(a.offset));
-            if (got > 0) {
-                a.got += static_cast<std::size_t>(got);
-                a.offset += static_cast<std::uint64_t>(got);
-            } else if (got == 0) {
-                a.ended = true;
-                return;
-            } else if (errno != EINTR) {
-                a.failed = true;
-                a.error = errno;
-                return;
-            }
-        }
-    });
+    if (size_ >= ahead_from)
+        ahead_ = std::make_unique<Ahead>(fd, static_cast<std::uint64_t>(at), block_size_);
 }
 
 bool ByteInput::unget(int c) {
@@ -180,32 +222,57 @@ bool ByteInput::refill_ahead(std::size_t want) {
     Ahead &a = *ahead_;
     const std::size_t keep = static_cast<std::size_t>(end_ - pos_);
     base_ += static_cast<std::uint64_t>(pos_ - data_);
-    if (!block_) {
-        block_.reset(new std::uint8_t[2 * block_size_]);
-        a.spare.reset(new std::uint8_t[2 * block_size_]);
-        read_ahead();
-    }
-    a.helper.wait();
-    if (a.got == 0) {
-        // Nothing more: the tail stays where it is.
-        data_ = pos_;
-        if (a.failed) {
-            failed_ = true;
-            error_number_ = a.error;
-        } else {
-            at_end_ = true;
+    data_ = pos_;
+    if (a.current < 0 && !a.last_taken) {
+        if (!a.helper.start()) {
+            // No thread to be had: read here, from where reading began.
+            ahead_.reset();
+            return refill(want);
         }
-    } else {
-        std::uint8_t *fresh = a.spare.get() + block_size_;
+        a.helper.run([&a] { a.fill(); });
+    }
+    if (!a.last_taken) {
+        const int next = (a.current + 1) % Ahead::slots;
+        {
+            std::unique_lock<std::mutex> lock(a.mutex);
+            while (a.filled == 0) {
+                a.reader_waits = true;
+                if (a.helper_waits) a.cv.notify_all();
+                a.cv.wait(lock);
+                a.reader_waits = false;
+            }
+            a.filled--;
+        }
+        Ahead::Slot &s = a.ring[next];
+        std::uint8_t *fresh = s.bytes.get() + a.block;
         std::memcpy(fresh - keep, pos_, keep);
         data_ = pos_ = fresh - keep;
-        end_ = fresh + a.got;
-        block_.swap(a.spare);
-        a.got = 0;
-        if (!a.ended && !a.failed) read_ahead();
+        end_ = fresh + s.got;
+        a.last_taken = s.ended || s.error;
+        a.last_error = s.error;
+        // The end or failure shows when this refill comes short, else with
+        // the next.
+        if (a.last_taken && static_cast<std::size_t>(end_ - pos_) < want) show_end(a.last_error);
+        if (a.current >= 0) {
+            // The block left behind goes back to the helper.
+            std::lock_guard<std::mutex> lock(a.mutex);
+            if (++a.free >= Ahead::slots / 2 && a.helper_waits) a.cv.notify_all();
+        }
+        a.current = next;
+    } else {
+        show_end(a.last_error);
     }
     limit_ = pushback_count_ > 0 ? pos_ : end_;
     return static_cast<std::size_t>(end_ - pos_) >= want;
+}
+
+void ByteInput::show_end(int error) {
+    if (error != 0) {
+        failed_ = true;
+        error_number_ = error;
+    } else {
+        at_end_ = true;
+    }
 }
 
 const std::uint8_t *ByteInput::contiguous_slow(std::size_t n) {

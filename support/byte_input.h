@@ -109,7 +109,7 @@ class ByteInput {
     // until `want` bytes wait; false when fewer came.
     bool refill(std::size_t want);
     bool refill_ahead(std::size_t want);
-    void read_ahead();
+    void show_end(int error);
     // One read from the source into `to`; 0 at its end or after a failure.
     std::size_t read_source(std::uint8_t *to, std::size_t n);
     void measure(std::uint64_t ahead_from);

@@ -16,26 +16,29 @@ HelperThread::~HelperThread() {
     thread_.join();
 }
 
+bool HelperThread::start() {
+    if (thread_.joinable()) return true;
+    // The thread starts with every asynchronous signal blocked (it
+    // inherits the mask in force while it is made).
+    sigset_t all, saved;
+    sigfillset(&all);
+    for (int s : {SIGPIPE, SIGXFSZ, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
+        sigdelset(&all, s);
+    pthread_sigmask(SIG_BLOCK, &all, &saved);
+    try {
+        thread_ = std::thread([this] { loop(); });
+    } catch (const std::system_error &) {
+    }
+    pthread_sigmask(SIG_SETMASK, &saved, nullptr);
+    return thread_.joinable();
+}
+
 void HelperThread::run(std::function<void()> job) {
     wait();
     handed_ = true;
-    if (!thread_.joinable()) {
-        // The thread starts with every asynchronous signal blocked (it
-        // inherits the mask in force while it is made).
-        sigset_t all, saved;
-        sigfillset(&all);
-        for (int s : {SIGPIPE, SIGXFSZ, SIGSEGV, SIGBUS, SIGFPE, SIGILL, SIGTRAP, SIGSYS})
-            sigdelset(&all, s);
-        pthread_sigmask(SIG_BLOCK, &all, &saved);
-        try {
-            thread_ = std::thread([this] { loop(); });
-        } catch (const std::system_error &) {
-        }
-        pthread_sigmask(SIG_SETMASK, &saved, nullptr);
-        if (!thread_.joinable()) {
-            job();
-            return;
-        }
+    if (!start()) {
+        job();
+        return;
     }
     {
         std::lock_guard<std::mutex> lock(mutex_);

@@ -25,6 +25,9 @@ class HelperThread {
 
     // Hands `job` over (after the one before has run).
     void run(std::function<void()> job);
+    // Starts the thread, if it is not running yet; false when it cannot be
+    // started (run() then runs each job at once on the owner's thread).
+    bool start();
     // Returns once the job handed over last has run.
     void wait();
     // Whether a job is handed over and not yet waited for.

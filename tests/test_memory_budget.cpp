@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "laytran/io.h"
+#include "support/byte_input.h"
 #include "support/memory_budget.h"
 #include "test_util.h"
 #include "translate/layer_store.h"
@@ -154,6 +155,51 @@ TEST(MemoryBudget, TwoReadingsGiveTheBytesAndMessagesOfOne) {
     RunResult piped = run_laytran({"-O", "S"}, d.path(), MODEL, "laytran", {"LAYTRAN_MEMORY=1"});
     EXPECT_EQ(piped.status, 0);
     EXPECT_EQ(piped.out, run_laytran({"-O", "S"}, d.path(), MODEL).out);
+}
+
+// A file large enough to be read ahead on a helper thread, whole and cut
+// short, kept or read twice: the status, messages and bytes of the same
+// file through a pipe, which is read on one thread.
+TEST(MemoryBudget, AFileReadAheadGivesWhatAPipeGives) {
+    std::string file = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n$$HEADEREND";
+    const auto put = [&file](const void *p, std::size_t n) {
+        file.append(static_cast<const char *>(p), n);
+    };
+    for (int layer = 1; file.size() < ByteInput::read_ahead_min + 100000; layer++) {
+        const std::uint16_t layer_command = 127, polyline = 130;
+        const float z = 0.05f * static_cast<float>(layer);
+        put(&layer_command, 2);
+        put(&z, 4);
+        const std::uint32_t head[3] = {1, static_cast<std::uint32_t>(layer % 3), 7001};
+        put(&polyline, 2);
+        put(head, sizeof head);
+        for (std::uint32_t i = 0; i < 2 * head[2]; i++) {
+            const float v =
+                static_cast<float>((i * 7919u + static_cast<unsigned>(layer)) % 4001u) - 1000.25f;
+            put(&v, 4);
+        }
+    }
+    TempDir d;
+    write_file(d.file("big.cli"), file);
+    write_file(d.file("cut.cli"), file.substr(0, file.size() - 1000003));
+    for (const char *in : {"big.cli", "cut.cli"}) {
+        for (const char *form : {"b", "A", "S"}) {
+            SCOPED_TRACE(std::string(in) + " -O " + form);
+            const RunResult piped = run_program(
+                "/bin/sh", {"-c", "cat \"$1\" | exec \"$0\" -O \"$2\" -P", LAYTRAN_EXE, in, form},
+                d.path(), "", "sh");
+            for (const char *memory : {"LAYTRAN_MEMORY=1", "LAYTRAN_MEMORY=1G"}) {
+                std::remove(d.file("out.dat").c_str());
+                const RunResult r = run_laytran({"-f", in, "-o", "out.dat", "-O", form, "-P"},
+                                                d.path(), "", "laytran", {memory});
+                EXPECT_EQ(r.status, piped.status) << memory;
+                EXPECT_EQ(r.err, piped.err) << memory;
+                // A failed run leaves no file; standard output got what was read.
+                EXPECT_TRUE(read_file(d.file("out.dat")) == (r.status == 0 ? piped.out : ""))
+                    << memory;
+            }
+        }
+    }
 }
 
 TEST(MemoryBudget, ProgressCountsBothReadings) {
