@@ -199,7 +199,7 @@ void ByteOutput::take_failure(int error) {
 bool ByteOutput::settle() {
     if (helper_ && helper_->busy()) {
         helper_->wait();
-        take_failure(helper_error_);
+        take_failure(helper_error_.load());
     }
     // After a failure every later write takes the slow path and is dropped.
     if (failed_) end_ = pos_;
@@ -207,23 +207,40 @@ bool ByteOutput::settle() {
 }
 
 bool ByteOutput::hand_on() {
-    if (!settle()) return false;
+    // A failure of the blocks written so far shows here; the blocks still
+    // queued are dropped by the helper.
+    take_failure(helper_error_.load());
+    if (failed_) {
+        end_ = pos_;
+        return false;
+    }
     std::uint8_t *start = block_.get();
     std::size_t n = static_cast<std::size_t>(pos_ - start);
     // A file that may go around the cache is sent in whole units: the rest
     // starts the next block.
-    const std::size_t rest = may_bypass_ ? n % direct_unit : 0;
+    const std::size_t rest = through_blocks_ ? n % direct_unit : 0;
     n -= rest;
     if (memory_ || n == 0) return flush();
     try {
-        if (!spare_) make_block(spare_, block_size_);
+        for (Block &b : spare_) {
+            if (!b) make_block(b, block_size_);
+        }
         if (!helper_) helper_.reset(new HelperThread);
     } catch (const std::bad_alloc &) {
         return flush(); // written here and now
     }
-    std::memcpy(spare_.get(), start + n, rest);
-    helper_->run([this, start, n] { helper_error_ = send(start, n); });
-    std::swap(block_, spare_);
+    // Up to two blocks wait for the helper or are being written, so that it
+    // goes from one to the next without waiting for this thread; the block
+    // filled next is then one the helper is done with.
+    helper_->post(
+        [this, start, n] {
+            if (helper_error_.load() != 0) return;
+            if (const int error = send(start, n)) helper_error_.store(error);
+        },
+        2);
+    std::memcpy(spare_[0].get(), start + n, rest);
+    std::swap(block_, spare_[0]);
+    std::swap(spare_[0], spare_[1]);
     base_ += n;
     pos_ = block_.get() + rest;
     end_ = block_.get() + block_size_;

@@ -8,14 +8,16 @@
 // flushes the last block and reports whether every byte got through.
 //
 // A full block bound for a descriptor or a stream is written by a helper
-// thread while the next one fills, so the system's copying overlaps the
-// formatting. A failed write is therefore known from the next full block,
-// settle() or finish() on; the bytes go out in order either way. The bytes
+// thread while the next ones fill, so the system's copying overlaps the
+// formatting. A failed write is therefore known from a later full block,
+// settle() or finish() on; the bytes go out in order either way, and none
+// after a failed write. The bytes
 // of a regular file are sent on to the disk every few megabytes, so that a
 // sync at the end (the output file's before its rename) finds little left.
 #pragma once
 
 #include <algorithm>
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -150,9 +152,10 @@ class ByteOutput {
     std::FILE *stream_ = nullptr;
     std::string *memory_ = nullptr;
     Block block_;
-    Block spare_; // the block being written
+    Block spare_[2]; // blocks being written or written, the older first
     std::unique_ptr<HelperThread> helper_;
-    int helper_error_ = 0; // the helper's errno for the block it wrote
+    // The helper's errno for the first block it failed to write.
+    std::atomic<int> helper_error_{0};
     std::size_t block_size_;
     std::uint8_t *pos_ = nullptr;
     std::uint8_t *end_ = nullptr;

@@ -34,18 +34,30 @@ bool HelperThread::start() {
 }
 
 void HelperThread::run(std::function<void()> job) {
-    wait();
+    post(std::move(job), 1);
+}
+
+void HelperThread::post(std::function<void()> job, int most) {
     handed_ = true;
     if (!start()) {
         job();
         return;
     }
     {
-        std::lock_guard<std::mutex> lock(mutex_);
-        job_ = std::move(job);
-        done_ = false;
+        std::unique_lock<std::mutex> lock(mutex_);
+        wait_pending(lock, most < 1 ? 0 : most - 1);
+        jobs_.push_back(std::move(job));
+        pending_++;
     }
     cv_.notify_all();
+}
+
+void HelperThread::wait_pending(std::unique_lock<std::mutex> &lock, int most) {
+    while (pending_ > most) {
+        owner_waits_ = true;
+        cv_.wait(lock);
+        owner_waits_ = false;
+    }
 }
 
 void HelperThread::wait() {
@@ -53,23 +65,23 @@ void HelperThread::wait() {
     handed_ = false;
     if (!thread_.joinable()) return;
     std::unique_lock<std::mutex> lock(mutex_);
-    cv_.wait(lock, [this] { return done_; });
+    wait_pending(lock, 0);
 }
 
 void HelperThread::loop() {
     std::unique_lock<std::mutex> lock(mutex_);
     for (;;) {
-        cv_.wait(lock, [this] { return stop_ || !done_; });
-        if (!done_) {
-            std::function<void()> job = std::move(job_);
-            job_ = nullptr;
-            lock.unlock();
-            job();
-            lock.lock();
-            done_ = true;
-            cv_.notify_all();
-        }
-        if (stop_) return;
+        while (!stop_ && jobs_.empty())
+            cv_.wait(lock);
+        if (jobs_.empty()) return; // stopped, with nothing left to run
+        std::function<void()> job = std::move(jobs_.front());
+        jobs_.pop_front();
+        lock.unlock();
+        job();
+        job = nullptr;
+        lock.lock();
+        pending_--;
+        if (owner_waits_) cv_.notify_all();
     }
 }
 

@@ -1,5 +1,6 @@
 // The shared buffered byte input and output: block boundaries, pushback,
 // offsets and failures, over every kind of source and destination.
+#include <atomic>
 #include <cerrno>
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -301,17 +302,34 @@ TEST(HelperThread, JobsRunInOrderAndWhatTheyWroteIsSeenAfterWait) {
     std::vector<int> seen;
     {
         laytran::HelperThread helper;
+        // Handed over one at a time, or queued up to three deep: a job
+        // queued may not start before the one ahead of it ends, nor be
+        // queued while three are pending.
+        std::atomic<int> handed{0}, ended{0};
+        bool over_three = false;
         for (int i = 0; i < 2000; i++) {
-            helper.run([&seen, i] { seen.push_back(i); });
-            if (i % 3 == 0) helper.wait();
+            auto job = [&, i] {
+                seen.push_back(i);
+                over_three |= handed.load() - ended.load() > 3;
+                ended++;
+            };
+            if (i < 1000) {
+                helper.run(job);
+            } else {
+                helper.post(job, 3);
+            }
+            handed++;
+            if (i % 3 == 0 && i < 1000) helper.wait();
         }
         helper.wait();
         EXPECT_EQ(seen.size(), 2000u);
         for (int i = 0; i < 2000; i++)
             EXPECT_EQ(seen[i], i);
-        helper.run([&seen] { seen.clear(); }); // not waited for: runs before the end
+        EXPECT_FALSE(over_three);
+        for (int i = 0; i < 5; i++) // not waited for: they run before the end
+            helper.post([&seen] { seen.pop_back(); }, 2);
     }
-    EXPECT_TRUE(seen.empty());
+    EXPECT_EQ(seen.size(), 1995u);
 }
 
 TEST(ByteOutput, AFullDeviceFailsTheLastFlushAndDropsLaterWrites) {
