@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include "formats/point_bytes.h"
 #include "translate/model_ops.h"
 #include "translate/translation.h"
 
@@ -239,9 +240,24 @@ TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
         }
         EXPECT_EQ(scale(layer, factor, got), finite);
         EXPECT_EQ(std::memcmp(&got, &want, sizeof got), 0) << round;
-        // Bounds and range check alone, the points not needed.
+        // Bounds and range check alone, the points not needed; and so again
+        // from the extremes a reader took in its pass over the points' bytes.
+        Layer taken = unkept;
         EXPECT_EQ(scale(unkept, factor, got_unkept, false), finite);
         EXPECT_EQ(std::memcmp(&got_unkept, &want, sizeof got), 0) << round;
+        std::vector<PointExtremes> extremes(taken.contours.size());
+        for (std::size_t k = 0; k < extremes.size(); k++) {
+            const std::vector<Point> &points = taken.contours[k].points;
+            extremes[k] = {true, HUGE_VALF, -HUGE_VALF, HUGE_VALF, -HUGE_VALF};
+            // In two runs, as a reader meets them across its blocks.
+            const auto *bytes = reinterpret_cast<const unsigned char *>(points.data());
+            const std::size_t half = points.size() / 2;
+            widen(extremes[k], scan_point_bytes(bytes, half));
+            widen(extremes[k], scan_point_bytes(bytes + 8 * half, points.size() - half));
+        }
+        Bounds got_taken = empty_bounds();
+        EXPECT_EQ(scale(taken, factor, got_taken, false, extremes.data()), finite);
+        EXPECT_EQ(std::memcmp(&got_taken, &want, sizeof got), 0) << round;
         for (std::size_t k = 0; k < layer.contours.size(); k++) {
             const auto &a = layer.contours[k].points, &b = plain.contours[k].points;
             EXPECT_TRUE(a.empty() || std::memcmp(a.data(), b.data(), a.size() * sizeof(Point)) == 0)

@@ -23,6 +23,7 @@
 #include "laytran/model.h"
 #include "support/byte_input.h"
 #include "support/byte_output.h"
+#include "translate/model_ops.h"
 
 namespace laytran {
 
@@ -110,16 +111,19 @@ class LayerSource {
     virtual void report_run_end(Reporter &) {}
     // Check mode: the places of the last layer handed out; null otherwise.
     virtual const LayerPlaces *places() const { return nullptr; }
+    // The extremes of each contour of the last layer handed out, as far as
+    // the source took them while reading; null when it takes none.
+    virtual const PointExtremes *extremes() const { return nullptr; }
 };
 
 // What a sink needs to know before the first layer.
 struct OutputPlan {
     std::uint64_t layer_count = 0;
-    std::vector<float> levels;      // every layer's z in order (SLC's sampling table)
-    Bounds bounds;                  // of the converted, placed model, in output units
-    Counts counts;                  // of the whole model, by kind
-    double unit_mm = 1.0;           // millimetres per output unit
-    bool unit_given = false;        // the unit was chosen by the caller (-U)
+    std::vector<float> levels;           // every layer's z in order (SLC's sampling table)
+    Bounds bounds;                       // of the converted, placed model, in output units
+    Counts counts;                       // of the whole model, by kind
+    double unit_mm = 1.0;                // millimetres per output unit
+    bool unit_given = false;             // the unit was chosen by the caller (-U)
     const ModelHeader *source = nullptr; // the input's header (labels, date, ...)
     CliHeaderStyle cli_header = CliHeaderStyle::classic;
 };

@@ -142,6 +142,31 @@ bool keeps_floats(double factor) {
 // scaling, a gap mark before or maybe after it, or a zero bound that
 // scaling made, whose sign depends on which point came first): the bounds
 // are left as they were for the caller's other ways.
+// Takes the unscaled extremes `bound` (xmin, xmax, ymin, ymax) of the n
+// points at p, which are all finite and hold no gap mark, into the bounds,
+// scaled. False (the bounds left as they were) when that cannot be told
+// from the extremes: one of them is not finite or out of range after
+// scaling, or scaling made it 0 or the gap coordinate.
+bool take_extremes(const Point *p, std::size_t n, double factor, float bound[4], Bounds &b) {
+    if (!keeps_floats(factor)) {
+        bool finite = true;
+        for (int k = 0; k < 4; k++) {
+            bound[k] = to_float(bound[k] * factor, finite);
+            if (bound[k] == 0.0f || bound[k] == gap_coordinate) return false;
+        }
+        if (!finite) return false;
+    }
+    // Of +0 and -0 the scan in order keeps the first it meets.
+    for (int k = 0; k < 4; k++) {
+        if (bound[k] == 0.0f) bound[k] = first_zero(p, n, k >= 2);
+    }
+    if (bound[0] < b.xmin) b.xmin = bound[0];
+    if (bound[1] > b.xmax) b.xmax = bound[1];
+    if (bound[2] < b.ymin) b.ymin = bound[2];
+    if (bound[3] > b.ymax) b.ymax = bound[3];
+    return true;
+}
+
 template <bool Multiply>
 bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     float lo[4] = {HUGE_VALF, HUGE_VALF, HUGE_VALF, HUGE_VALF};
@@ -218,22 +243,7 @@ bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     if (n == 0 || (!Multiply && !finite)) return finite;
     float bound[4] = {std::min(lo[0], lo[2]), std::max(hi[0], hi[2]), std::min(lo[1], lo[3]),
                       std::max(hi[1], hi[3])};
-    if (!Multiply && !keeps_floats(factor)) {
-        for (float &v : bound) {
-            v = to_float(v * factor, finite);
-            if (v == 0.0f || v == gap_coordinate) return false;
-        }
-        if (!finite) return false;
-    }
-    // Of +0 and -0 the scan in order keeps the first it meets.
-    for (int k = 0; k < 4; k++) {
-        if (bound[k] == 0.0f) bound[k] = first_zero(p, n, k >= 2);
-    }
-    if (bound[0] < b.xmin) b.xmin = bound[0];
-    if (bound[1] > b.xmax) b.xmax = bound[1];
-    if (bound[2] < b.ymin) b.ymin = bound[2];
-    if (bound[3] > b.ymax) b.ymax = bound[3];
-    return finite;
+    return take_extremes(p, n, Multiply ? 1.0 : factor, bound, b) && finite;
 }
 
 bool holds_gap_mark(const Point *p, std::size_t n) {
@@ -245,14 +255,20 @@ bool holds_gap_mark(const Point *p, std::size_t n) {
 
 } // namespace
 
-bool scale(Layer &layer, double factor, Bounds &b, bool points) {
+bool scale(Layer &layer, double factor, Bounds &b, bool points, const PointExtremes *extremes) {
     bool finite = true;
     const bool same = !points || keeps_floats(factor);
     layer.z = to_float(layer.z * factor, finite);
     take_z(b, layer.z);
-    for (Contour &c : layer.contours) {
+    for (std::size_t i = 0; i < layer.contours.size(); i++) {
+        Contour &c = layer.contours[i];
         Point *p = c.points.data();
         const std::size_t n = c.points.size();
+        if (!points && extremes && extremes[i].known) {
+            const PointExtremes &e = extremes[i];
+            float bound[4] = {e.xmin, e.xmax, e.ymin, e.ymax};
+            if (n == 0 || take_extremes(p, n, factor, bound, b)) continue;
+        }
         if (same && scale_plain<false>(p, n, factor, b)) continue;
         // A point that is not finite is stored as 0: the multiplying loops
         // do that.

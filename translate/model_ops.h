@@ -26,11 +26,21 @@ inline bool is_negative(const Bounds &b) {
 // Adds the layer to the counts (Counts::layers and the rest).
 void add_counts(Counts &counts, const Layer &layer);
 
+// The extremes of a contour's x and y values, taken by its source while it
+// read them (`known`): every value was finite and no point was a gap mark.
+struct PointExtremes {
+    bool known = false;
+    float xmin = 0, xmax = 0, ymin = 0, ymax = 0;
+};
+
 // Multiplies the height and every coordinate by `factor`, widening `bounds`
 // by the stored results. False when a value did not come out finite.
 // Without `points` the bounds and the result are the same, but the points
-// may be left unscaled (those of a layer that is not kept).
-bool scale(Layer &layer, double factor, Bounds &bounds, bool points = true);
+// may be left unscaled (those of a layer that is not kept); the contours
+// whose `extremes` (one a contour, when given) are known are then not
+// gone through again.
+bool scale(Layer &layer, double factor, Bounds &bounds, bool points = true,
+           const PointExtremes *extremes = nullptr);
 // The same on every layer, with `bounds` started afresh. The index of the
 // first layer where a value did not come out finite, or the layer count.
 std::size_t scale(Model &model, double factor, Bounds &bounds);

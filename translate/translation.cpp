@@ -291,7 +291,8 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
                     readings_ = 2;
                 }
             }
-            if (!scale(layer, s.factor, s.bounds, s.kept) && s.bad_layer == SIZE_MAX)
+            if (!scale(layer, s.factor, s.bounds, s.kept, source.extremes()) &&
+                s.bad_layer == SIZE_MAX)
                 s.bad_layer = s.counts.layers;
             add_counts(s.counts, layer);
             s.levels.push_back(layer.z);

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "laytran/model.h"
+#include "translate/model_ops.h"
 
 namespace laytran {
 
@@ -58,6 +59,9 @@ struct CliElement {
     std::uint32_t id = 0;
     std::uint32_t direction = 0; // polylines: 0 clockwise, 1 counter-clockwise, 2 open
     std::vector<Point> points;   // hatches: two a hatch
+    // The extremes of the points, when every one came in a run of binary
+    // long-form points that took them.
+    PointExtremes extremes;
 };
 
 // Two layer heights that make one layer for the writer: within the spacing

@@ -92,6 +92,7 @@ class CliSource final : public LayerSource {
     const ModelHeader &header() const override { return header_; }
     const StreamError &error() const override { return error_; }
     const LayerPlaces *places() const override { return options_.check ? &places_ : nullptr; }
+    const PointExtremes *extremes() const override { return extremes_.data(); }
 
     void report_read_end(Reporter &reporter) override {
         if (reader_.error() != CliError::none) return;
@@ -174,6 +175,8 @@ class CliSource final : public LayerSource {
         c.gaps = 0;
         // The element takes the contour's old memory for the next one.
         c.points.swap(element_.points);
+        if (extremes_.size() < used) extremes_.resize(used);
+        extremes_[used - 1] = element_.extremes;
     }
 
     void take_header() {
@@ -211,6 +214,7 @@ class CliSource final : public LayerSource {
     ModelHeader header_;
     StreamError error_;
     CliElement element_;
+    std::vector<PointExtremes> extremes_; // of the contours handed out last
     std::uint64_t layers_out_ = 0;
     int variant_seen_ = 0; // the forms the variant text was made for
     bool header_taken_ = false;

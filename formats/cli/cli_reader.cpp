@@ -832,6 +832,7 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
     if (!p) return 0;
     std::size_t done = 0;
     if (short_) {
+        e.extremes.known = false;
         const std::size_t at = e.points.size();
         e.points.resize(at + n);
         Point *to = e.points.data() + at;
@@ -846,12 +847,19 @@ std::size_t CliReader::binary_run(CliElement &e, std::size_t n) {
         }
         if (sx || sy) signed_read_ = true;
     } else {
-        // The values are checked all at once, then copied as they stand: a
-        // point in memory is the two little-endian floats of the file.
-        std::uint32_t infinite = 0;
-        for (std::size_t k = 0; k < 2 * n; k++)
-            infinite |= !finite_bits(load_u32(p + 4 * k));
-        if (infinite) {
+        // The values are checked all at once (their extremes taken on the
+        // way), then copied as they stand: a point in memory is the two
+        // little-endian floats of the file.
+        bool finite = true;
+        if (little_endian) {
+            const PointScan scan = scan_point_bytes(p, n);
+            widen(e.extremes, scan);
+            finite = scan.finite;
+        } else {
+            for (std::size_t k = 0; k < 2 * n; k++)
+                finite &= finite_bits(load_u32(p + 4 * k));
+        }
+        if (!finite) {
             while (finite_bits(load_u32(p + 8 * done)) && finite_bits(load_u32(p + 8 * done + 4)))
                 done++;
         } else {
@@ -938,6 +946,11 @@ std::size_t CliReader::ascii_run(CliElement &e, std::size_t n) {
 
 bool CliReader::read_points(CliElement &e, std::uint32_t count) {
     e.points.clear();
+    // Taken by the binary long-form runs of a little-endian host only.
+    e.extremes = {};
+    e.extremes.known = binary_ && little_endian;
+    e.extremes.xmin = e.extremes.ymin = HUGE_VALF;
+    e.extremes.xmax = e.extremes.ymax = -HUGE_VALF;
     if (eof_crossed_) return fail(CliError::eof);
     std::size_t i = 0;
     while (i < count) {
@@ -949,6 +962,7 @@ bool CliReader::read_points(CliElement &e, std::uint32_t count) {
             i += done;
             continue;
         }
+        e.extremes.known = false; // a point read alone
         Point p;
         if (!read_real(p.x, 0, false) || !read_real(p.y, 1, header_.aligned)) {
             if (check_ && silent_stop_)
