@@ -119,8 +119,10 @@ class SlcReader {
     bool next_layer(float &z, std::uint32_t &boundaries);
     // The next boundary of the current layer: its vertices (replacing what
     // `points` held; sized from the file's count, never beyond what the input
-    // can still give) and its gap count. False on failure.
-    bool read_boundary(std::vector<Point> &points, std::uint32_t &gaps);
+    // can still give) and its gap count. False on failure. With `extremes`,
+    // the extremes of the vertices when the pass that checks them took them.
+    bool read_boundary(std::vector<Point> &points, std::uint32_t &gaps,
+                       PointExtremes *extremes = nullptr);
 
     const SlcHeader &header() const { return header_; }
     const std::vector<SlcSample> &samples() const { return samples_; }
@@ -133,7 +135,7 @@ class SlcReader {
     bool fail_input(); // a premature end, or the read error behind it
     bool read_u32(std::uint32_t &v);
     bool read_f32(float &v);
-    bool read_vertices(std::vector<Point> &points, std::uint32_t n);
+    bool read_vertices(std::vector<Point> &points, std::uint32_t n, PointExtremes *extremes);
     void parse_header_text(const std::string &text, std::uint64_t start);
 
     ByteInput &in_;

@@ -86,7 +86,8 @@ bool SlcSource::next_layer(Layer &layer) {
             c.id = 0;
             c.direction = 0;
             if (check_) places_.contours.push_back(in_.offset());
-            if (!reader_.read_boundary(c.points, c.gaps)) break;
+            if (used == extremes_.size()) extremes_.emplace_back();
+            if (!reader_.read_boundary(c.points, c.gaps, &extremes_[used])) break;
         }
         layer.contours.resize(used);
         if (check_) places_.contours.resize(used);

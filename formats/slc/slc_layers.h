@@ -30,6 +30,7 @@ class SlcSource final : public LayerSource {
     bool next_layer(Layer &layer) override;
     const ModelHeader &header() const override { return header_; }
     const StreamError &error() const override { return error_; }
+    const PointExtremes *extremes() const override { return extremes_.data(); }
     const LayerPlaces *places() const override { return check_ ? &places_ : nullptr; }
     // The SLC header as read (extents, tolerances, the sampling table).
     const SlcReader &reader() const { return reader_; }
@@ -42,6 +43,7 @@ class SlcSource final : public LayerSource {
     SlcReader reader_;
     ModelHeader header_;
     StreamError error_;
+    std::vector<PointExtremes> extremes_; // of the contours handed out last
     ContourKind kind_ = ContourKind::part;
     bool keep_empty_;
     bool started_ = false;

@@ -358,17 +358,20 @@ bool SlcReader::next_layer(float &z, std::uint32_t &boundaries) {
     return true;
 }
 
-bool SlcReader::read_boundary(std::vector<Point> &points, std::uint32_t &gaps) {
+bool SlcReader::read_boundary(std::vector<Point> &points, std::uint32_t &gaps,
+                              PointExtremes *extremes) {
     points.clear();
+    if (extremes) *extremes = {};
     if (stopped_) return false;
     std::uint32_t n = 0;
-    return read_u32(n) && read_u32(gaps) && read_vertices(points, n);
+    return read_u32(n) && read_u32(gaps) && read_vertices(points, n, extremes);
 }
 
 // The vertices are read straight into the point array. An input of known
 // size that cannot hold them is a premature end at once; on other input the
 // array grows as the vertices arrive.
-bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n) {
+bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n,
+                              PointExtremes *extremes) {
     static_assert(sizeof(Point) == 8, "a point is two floats");
     const std::uint64_t bytes = static_cast<std::uint64_t>(n) * sizeof(Point);
     if (in_.size_known() && bytes > in_.remaining()) return fail(SlcError::eof, in_.size());
@@ -378,21 +381,23 @@ bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n) {
         // they stand; the rest (a value to refuse, bytes not at hand) takes
         // the way below.
         points.reserve(n);
+        PointExtremes taken;
+        taken.known = true;
+        taken.xmin = taken.ymin = HUGE_VALF;
+        taken.xmax = taken.ymax = -HUGE_VALF;
         while (have < n) {
             const std::size_t run = std::min<std::size_t>(n - have, vertex_run);
             const std::uint8_t *p = in_.contiguous(run * sizeof(Point));
             if (!p) break;
-            std::uint32_t bad = 0;
-            for (std::size_t i = 0; i < 2 * run; i++) {
-                std::uint32_t bits;
-                std::memcpy(&bits, p + 4 * i, 4);
-                bad |= (bits & 0x7F800000u) == 0x7F800000u;
-            }
-            if (bad) break;
+            // One pass checks the values and takes their extremes.
+            const PointScan scan = scan_point_bytes(p, run);
+            if (!scan.finite) break;
+            widen(taken, scan);
             points.insert(points.end(), PointBytes(p), PointBytes(p + run * sizeof(Point)));
             in_.skip(run * sizeof(Point));
             have += run;
         }
+        if (extremes && have == n) *extremes = taken;
     }
     while (have < n) {
         std::size_t want = n;
