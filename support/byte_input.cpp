@@ -245,7 +245,7 @@ bool ByteInput::refill_ahead(std::size_t want) {
         }
         Ahead::Slot &s = a.ring[next];
         std::uint8_t *fresh = s.bytes.get() + a.block;
-        std::memcpy(fresh - keep, pos_, keep);
+        if (keep > 0) std::memcpy(fresh - keep, pos_, keep);
         data_ = pos_ = fresh - keep;
         end_ = fresh + s.got;
         a.last_taken = s.ended || s.error;
