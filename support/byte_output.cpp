@@ -85,6 +85,7 @@ ByteOutput::ByteOutput(std::FILE *stream, OutputFile use, std::size_t block)
 void ByteOutput::take_descriptor(OutputFile use) {
     const off_t at = lseek(fd_, 0, SEEK_CUR);
     watch_disk(fd_, at);
+    own_ = use == OutputFile::own;
 #ifdef O_DIRECT
     may_bypass_ = use == OutputFile::own && regular_ && block_size_ % direct_unit == 0 &&
                   at % static_cast<off_t>(direct_unit) == 0 && local_disk(fd_);
@@ -98,7 +99,49 @@ void ByteOutput::watch_disk(int fd, off_t at) {
     struct stat st;
     regular_ = at >= 0 && fstat(fd, &st) == 0 && S_ISREG(st.st_mode);
     disk_fd_ = fd;
-    sent_at_ = flushing_at_ = regular_ ? static_cast<std::uint64_t>(at) : 0;
+    sent_at_ = flushing_at_ = start_ = regular_ ? static_cast<std::uint64_t>(at) : 0;
+}
+
+bool ByteOutput::restart() {
+    if (!rewritable()) return false;
+    if (helper_) helper_->wait();
+    if (bypassing_) stop_bypass();
+    if (ftruncate(fd_, static_cast<off_t>(start_)) != 0 ||
+        lseek(fd_, static_cast<off_t>(start_), SEEK_SET) != static_cast<off_t>(start_))
+        return false;
+    helper_error_.store(0);
+    failed_ = false;
+    error_number_ = 0;
+    base_ = 0;
+    pos_ = block_.get();
+    end_ = pos_ + block_size_;
+    sent_at_ = flushing_at_ = start_;
+    may_bypass_ = through_blocks_;
+    return true;
+}
+
+bool ByteOutput::patch(std::uint64_t at, const void *data, std::size_t n) {
+    if (!rewritable()) {
+        take_failure(EBADF);
+        return false;
+    }
+    if (!flush()) return false;
+    // A few bytes at any place: through the cache.
+    if (bypassing_) stop_bypass();
+    const auto *p = static_cast<const std::uint8_t *>(data);
+    std::uint64_t to = start_ + at;
+    while (n > 0) {
+        const ssize_t done = ::pwrite(fd_, p, n, static_cast<off_t>(to));
+        if (done < 0 && errno == EINTR) continue;
+        if (done <= 0) {
+            take_failure(done < 0 ? errno : EIO);
+            return false;
+        }
+        p += done;
+        to += static_cast<std::uint64_t>(done);
+        n -= static_cast<std::size_t>(done);
+    }
+    return true;
 }
 
 void ByteOutput::start_bypass() {

@@ -121,6 +121,17 @@ class ByteOutput {
     // settle() or finish() returned).
     bool bypassed_cache() const { return bypassed_; }
 
+    // An own regular file, whose bytes can be written over or dropped.
+    bool rewritable() const { return own_ && regular_ && fd_ >= 0; }
+    // Drops every byte written so far (the file is cut back to where this
+    // output began) and starts afresh, failures forgotten. False when the
+    // file cannot be cut (or is not rewritable()).
+    bool restart();
+    // Writes n bytes over those at `at` (an offset of this output, below
+    // offset()) once every byte before has gone out. False (the failure
+    // kept) when they could not be written.
+    bool patch(std::uint64_t at, const void *data, std::size_t n);
+
   private:
     struct BlockFree {
         void operator()(std::uint8_t *p) const;
@@ -162,7 +173,8 @@ class ByteOutput {
     std::uint64_t base_ = 0; // bytes sent before the current block
     // A regular file: where the bytes sent go in it, and how far the system
     // was told to start writing them to the disk.
-    bool regular_ = false;
+    bool regular_ = false, own_ = false;
+    std::uint64_t start_ = 0; // where this output began in the file
     int disk_fd_ = -1;
     std::uint64_t sent_at_ = 0, flushing_at_ = 0;
     // An own file on a local disk may bypass the cache; bypassing_ once it

@@ -202,6 +202,63 @@ TEST(MemoryBudget, AFileReadAheadGivesWhatAPipeGives) {
     }
 }
 
+// An output written while its input is read, with the layer count guessed
+// from the first megabytes: the layer sizes change along the file, so that
+// the guess is off (its header is written again in place) or off by whole
+// digits (what was written is dropped and the input read again). Either
+// way: the status, messages and bytes of the same file through a pipe.
+TEST(MemoryBudget, AnOutputWrittenDuringTheReadingIsThatOfAPipe) {
+    const auto binary = [](const std::vector<std::pair<int, int>> &runs) {
+        std::string file = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n$$HEADEREND";
+        const auto put = [&file](const void *p, std::size_t n) {
+            file.append(static_cast<const char *>(p), n);
+        };
+        int layer = 0;
+        for (const auto &[layers, points] : runs) {
+            for (int i = 0; i < layers; i++, layer++) {
+                const std::uint16_t layer_command = 127, polyline = 130;
+                const float z = 0.05f * static_cast<float>(layer + 1);
+                put(&layer_command, 2);
+                put(&z, 4);
+                const std::uint32_t head[3] = {1, 1, static_cast<std::uint32_t>(points)};
+                put(&polyline, 2);
+                put(head, sizeof head);
+                for (int k = 0; k < 2 * points; k++) {
+                    const float v = static_cast<float>((k * 7919 + layer) % 3001) - 500.5f;
+                    put(&v, 4);
+                }
+            }
+        }
+        return file;
+    };
+    TempDir d;
+    // 1000 layers in the first 8 MiB, 4000 after: a guess of about 1500.
+    write_file(d.file("off.cli"), binary({{1000, 1050}, {4000, 130}}));
+    // 9 layers in the first 8 MiB, 1200 after: a guess of two digits.
+    write_file(d.file("digits.cli"), binary({{9, 120000}, {1200, 500}}));
+    const std::vector<std::vector<std::string>> forms = {
+        {"-O", "b"}, {"-O", "A", "-R", "1"}, {"-O", "b", "-U", "0.1"}};
+    for (const char *in : {"off.cli", "digits.cli"}) {
+        for (const auto &form : forms) {
+            SCOPED_TRACE(std::string(in) + " " + form[1]);
+            std::string options;
+            for (const std::string &o : form)
+                options += " " + o;
+            const RunResult piped = run_program(
+                "/bin/sh", {"-c", "cat \"$1\" | exec \"$0\"" + options, LAYTRAN_EXE, in}, d.path(),
+                "", "sh");
+            std::vector<std::string> args = {"-f", in, "-o", "out.dat"};
+            args.insert(args.end(), form.begin(), form.end());
+            std::remove(d.file("out.dat").c_str());
+            const RunResult r = run_laytran(args, d.path());
+            EXPECT_EQ(r.status, 0);
+            EXPECT_EQ(piped.status, 0);
+            EXPECT_EQ(r.err, piped.err);
+            EXPECT_TRUE(read_file(d.file("out.dat")) == piped.out);
+        }
+    }
+}
+
 TEST(MemoryBudget, ProgressCountsBothReadings) {
     TempDir d;
     write_file(d.file("in.cli"), MODEL);

@@ -68,6 +68,19 @@ std::uint64_t estimated_model(std::uint64_t size) {
 // must find, clear and map page by page.
 constexpr std::uint64_t reread_binary_size = std::uint64_t(32) << 20;
 
+// An output written during the first reading starts once this much of the
+// input was read, with the layer count guessed from it (or at the end of a
+// smaller input, with the count known).
+constexpr std::uint64_t speculation_start = std::uint64_t(8) << 20;
+
+StreamError write_error(int system_error) {
+    StreamError e;
+    e.code = 3; // every module's code of its write errors
+    e.text = "write error";
+    e.system_error = system_error;
+    return e;
+}
+
 // Whether the input read so far is binary (its points cheap to read again).
 bool binary_input(const ModelHeader &h) {
     return h.format == InputFormat::slc ||
@@ -143,6 +156,23 @@ struct Translation::Survey {
     bool reread_binary = false;       // a large binary input is read twice
     bool moving = false;
     double dx = 0, dy = 0, dz = 0;
+};
+
+// Writing during the first reading (see translation.h): the sink, whose
+// messages wait here; the layers held until the count is guessed; the
+// bytes of the header to write again once the count is known.
+struct Translation::Speculation {
+    explicit Speculation(ByteOutput &out) : out(out) {}
+    ByteOutput &out;
+    std::vector<Diagnostic> messages;
+    DiagnosticSink collect = [this](const Diagnostic &d) { messages.push_back(d); };
+    Reporter reporter{collect};
+    std::unique_ptr<LayerSink> sink;
+    std::vector<Layer> held;
+    std::uint64_t guess = 0;
+    bool begun = false, failed = false;
+    std::uint64_t patch_at = 0;
+    std::string patch;
 };
 
 // The converted layers once more, in order: from the store, from a model
@@ -276,7 +306,7 @@ bool Translation::load(LayerSource &source, ByteInput &in) {
 // the store stays within `budget`; past it the store is emptied and the
 // layers are to be read again. False when memory ran out.
 bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &out,
-                         LayerStore *store, std::uint64_t budget, Survey &s) {
+                         LayerStore *store, std::uint64_t budget, Survey &s, Speculation *spec) {
     bool ok = true;
     s.kept = store != nullptr;
     try {
@@ -291,7 +321,7 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
                     readings_ = 2;
                 }
             }
-            if (!scale(layer, s.factor, s.bounds, s.kept, source.extremes()) &&
+            if (!scale(layer, s.factor, s.bounds, s.kept || spec, source.extremes()) &&
                 s.bad_layer == SIZE_MAX)
                 s.bad_layer = s.counts.layers;
             add_counts(s.counts, layer);
@@ -302,6 +332,7 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
                 readings_ = 2;
                 if (budget == UINT64_MAX) throw std::bad_alloc();
             }
+            if (spec) speculate(*spec, layer, s, in, source);
             progress(&in, &out, false);
         }
         s.header = source.header();
@@ -315,6 +346,89 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
     }
     progress(&in, &out, true);
     return ok;
+}
+
+// Whether the output may be written during the first reading: an own file
+// from its start, in a form whose first bytes need only the layer count,
+// from an input that can be read again.
+bool Translation::may_speculate(const ByteOutput &out, const ByteInput &in, bool again) const {
+    const OutputForm f = options_.output;
+    return again && in.size_known() && out.rewritable() && out.offset() == 0 &&
+           (f == OutputForm::cli_binary || f == OutputForm::cli_aligned ||
+            f == OutputForm::cli_ascii) &&
+           options_.cli_header == CliHeaderStyle::classic && !options_.move_positive;
+}
+
+// One layer of the first reading, converted: held until the count can be
+// guessed, then written.
+void Translation::speculate(Speculation &spec, Layer &layer, const Survey &s, const ByteInput &in,
+                            const LayerSource &source) {
+    if (spec.failed) return;
+    try {
+        if (!spec.begun) {
+            spec.held.push_back(std::move(layer));
+            layer = Layer{};
+            if (in.offset() < speculation_start) return;
+            // As many layers as the whole input holds at the density so far.
+            const double whole = static_cast<double>(spec.held.size()) *
+                                 static_cast<double>(in.size()) / static_cast<double>(in.offset());
+            begin_speculation(
+                spec, s, source,
+                std::max<std::uint64_t>(spec.held.size(), static_cast<std::uint64_t>(whole + 0.5)));
+            return;
+        }
+        if (options_.reverse) reverse(layer, options_.reverse_directions);
+        if (!spec.sink->write_layer(layer)) spec.failed = true;
+    } catch (const std::bad_alloc &) {
+        spec.failed = true;
+        spec.held.clear();
+    }
+}
+
+// Starts the speculative output for `layers` layers and writes the layers
+// held so far.
+void Translation::begin_speculation(Speculation &spec, const Survey &s, const LayerSource &source,
+                                    std::uint64_t layers) {
+    spec.begun = true;
+    spec.guess = layers;
+    OutputPlan p = plan(s);
+    p.layer_count = layers;
+    p.source = &source.header();
+    spec.sink = formats_.sink(options_.output, spec.out, spec.reporter);
+    spec.failed = !spec.sink || !spec.sink->begin(p);
+    for (Layer &layer : spec.held) {
+        if (spec.failed) break;
+        if (options_.reverse) reverse(layer, options_.reverse_directions);
+        spec.failed = !spec.sink->write_layer(layer);
+    }
+    spec.held.clear();
+    spec.held.shrink_to_fit();
+}
+
+// The bytes to write over the speculative header: those where the header
+// for the true count differs from the guessed one. False when the two
+// differ in length (the layers would have to move).
+bool Translation::header_patch(Speculation &spec, const Survey &s) {
+    auto head = [&](std::uint64_t layers, std::string &bytes) {
+        ByteOutput mem(&bytes);
+        const DiagnosticSink none;
+        Reporter quiet(none);
+        std::unique_ptr<LayerSink> sink = formats_.sink(options_.output, mem, quiet);
+        OutputPlan p = plan(s);
+        p.layer_count = layers;
+        return sink && sink->begin(p) && sink->finish() && mem.finish();
+    };
+    std::string guessed, real;
+    if (!head(spec.guess, guessed) || !head(s.counts.layers, real) || guessed.size() != real.size())
+        return false;
+    std::size_t first = 0, last = real.size();
+    while (first < last && guessed[first] == real[first])
+        first++;
+    while (last > first && guessed[last - 1] == real[last - 1])
+        last--;
+    spec.patch_at = first;
+    spec.patch = real.substr(first, last - first);
+    return true;
 }
 
 // The layers once more: from the store when they were kept, else from a
@@ -499,9 +613,11 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     LayerStore store;
     Survey s;
     s.reread_binary = again && in->size_known() && in->size() >= reread_binary_size;
-    readings_ = keep ? 1 : 2;
-    bool loaded =
-        survey(*source, *in, out, keep ? &store : nullptr, again ? budget : UINT64_MAX, s);
+    std::unique_ptr<Speculation> spec;
+    if (may_speculate(out, *in, again)) spec = std::make_unique<Speculation>(out);
+    readings_ = keep && !spec ? 1 : 2;
+    bool loaded = survey(*source, *in, out, keep && !spec ? &store : nullptr,
+                         again ? budget : UINT64_MAX, s, spec.get());
     if (loaded) source->report_read_end(reporter_);
     // An SLC or FDM input that failed to read is reported now, and nothing
     // is written; a CLI input writes what was read and is reported at the
@@ -512,8 +628,9 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     LayerStore *kept = s.kept ? &store : nullptr;
     const LayerSource *reading = source.get(); // whose errors the run reports
     const ByteInput *last_in = in.get();       // the input as read last
+    LayerSink *writer = sink.get();            // the sink the output went through
     std::unique_ptr<Replay> layers;            // the layers for the writing
-    bool placed = true, begun = false;
+    bool placed = true, begun = false, streamed = false;
     if (loaded) {
         if (s.counts.layers == s.counts.empty_layers && !(cli_input && source->error()))
             reporter_.warning("the input holds no geometry");
@@ -525,18 +642,44 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         } else if (is_negative(s.bounds)) {
             placed = place(s, input, kept);
         }
-        if (placed) {
-            if (!kept) read_before_ = in->offset();
-            layers = replay(input, kept, s.factor);
-            if (layers) {
-                begun = true;
-                if (layers->input()) last_in = layers->input();
-                if (!write_layers(*sink, plan(s), *layers, s, !kept, last_in, out) && !kept &&
-                    input_failure_)
-                    reading = layers->source(); // the second reading failed
-            } else {
-                reading = nullptr;
+        // What was written during the reading stands when the reading went
+        // through plainly and the true count's header takes the room of the
+        // guessed one.
+        if (placed && spec && !spec->failed && !source->error() && !input_failure_) {
+            try {
+                if (!spec->begun) begin_speculation(*spec, s, *source, s.counts.layers);
+                if (!spec->failed && header_patch(*spec, s)) {
+                    writer = spec->sink.get();
+                    streamed = begun = true;
+                    readings_ = 1;
+                    for (const Diagnostic &d : spec->messages)
+                        reporter_.report(d);
+                    writer->report_run_end(reporter_);
+                }
+            } catch (const std::bad_alloc &) {
             }
+        }
+    }
+    // Otherwise what was written goes, and the run goes on without it.
+    bool writable = true;
+    if (spec && spec->begun && !streamed) {
+        spec->sink.reset();
+        if (!out.restart()) {
+            output_failure_ = write_error(errno);
+            writable = false;
+        }
+    }
+    if (loaded && placed && writable && !streamed) {
+        if (!kept) read_before_ = in->offset();
+        layers = replay(input, kept, s.factor);
+        if (layers) {
+            begun = true;
+            if (layers->input()) last_in = layers->input();
+            if (!write_layers(*sink, plan(s), *layers, s, !kept, last_in, out) && !kept &&
+                input_failure_)
+                reading = layers->source(); // the second reading failed
+        } else {
+            reading = nullptr;
         }
     }
     // A file written to while it was read (by a tool still writing it, say)
@@ -545,13 +688,17 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         input_failure_ = read_error(0, "the input file changed while it was read");
     // End the output now, so that a failure of its last write is reported
     // like any other.
-    if (begun && !sink->finish() && !sink->error() && !output_failure_)
+    if (begun && !writer->finish() && !writer->error() && !output_failure_)
         output_failure_ = no_memory();
+    // The header of the true count over the guessed one.
+    if (streamed && !writer->error() && !output_failure_ && !spec->patch.empty() &&
+        !out.patch(spec->patch_at, spec->patch.data(), spec->patch.size()))
+        output_failure_ = write_error(out.error_number());
     if (!begun) out.finish();
-    gaps_ = sink->gaps();
+    gaps_ = writer->gaps();
     progress(last_in, &out, true);
     source->report_run_end(reporter_);
-    return check(reading, sink.get()) && placed;
+    return check(reading, writer) && placed;
 }
 
 bool Translation::read(InputBytes &input) {

@@ -30,6 +30,16 @@
 // messages of the input come from the first reading, and the second must
 // give the same layers again (a changed input fails the run). Standard
 // input and pipes keep every layer in memory.
+//
+// An output whose first bytes depend only on the layer count (CLI in its
+// long forms, with the classic header, nothing to move) into an own file is
+// written during the first reading, from a guess of the count made once
+// 8 MiB of the input were read; its messages wait until the reading is
+// over. When the count is known, the header is written again in place.
+// Should the count's text come out longer or shorter than the guess's, or
+// anything but a plain reading happen (an error, a coordinate out of range),
+// what was written is dropped and the run goes on as above: a second
+// reading writes the layers.
 #pragma once
 
 #include <cstddef>
@@ -129,6 +139,7 @@ class Translation {
   private:
     struct Survey;
     class Replay;
+    struct Speculation;
 
     bool options_valid();
     std::uint64_t memory_budget();
@@ -136,7 +147,13 @@ class Translation {
     std::unique_ptr<LayerSink> open_sink(ByteOutput &out);
     bool load(LayerSource &source, ByteInput &in);
     bool survey(LayerSource &source, ByteInput &in, const ByteOutput &out, LayerStore *store,
-                std::uint64_t budget, Survey &s);
+                std::uint64_t budget, Survey &s, Speculation *spec = nullptr);
+    bool may_speculate(const ByteOutput &out, const ByteInput &in, bool again) const;
+    void speculate(Speculation &spec, Layer &layer, const Survey &s, const ByteInput &in,
+                   const LayerSource &source);
+    void begin_speculation(Speculation &spec, const Survey &s, const LayerSource &source,
+                           std::uint64_t layers);
+    bool header_patch(Speculation &spec, const Survey &s);
     std::unique_ptr<Replay> replay(InputBytes &input, LayerStore *store, double factor);
     double output_unit(double input_unit) const;
     bool place(Survey &s, InputBytes &input, LayerStore *store);
