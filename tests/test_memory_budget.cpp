@@ -234,10 +234,12 @@ TEST(MemoryBudget, AnOutputWrittenDuringTheReadingIsThatOfAPipe) {
     TempDir d;
     // 1000 layers in the first 8 MiB, 4000 after: a guess of about 1500.
     write_file(d.file("off.cli"), binary({{1000, 1050}, {4000, 130}}));
-    // 9 layers in the first 8 MiB, 1200 after: a guess of two digits.
-    write_file(d.file("digits.cli"), binary({{9, 120000}, {1200, 500}}));
+    // 18 layers in the first 8 MiB, 1200 after: a guess of two digits.
+    write_file(d.file("digits.cli"), binary({{18, 60000}, {1200, 500}}));
+    // The aligned form moves the model (its coordinates below 0): written
+    // once the bounds are known.
     const std::vector<std::vector<std::string>> forms = {
-        {"-O", "b"}, {"-O", "A", "-R", "1"}, {"-O", "b", "-U", "0.1"}};
+        {"-O", "b"}, {"-O", "A", "-R", "1"}, {"-O", "b", "-U", "0.1"}, {"-O", "a"}};
     for (const char *in : {"off.cli", "digits.cli"}) {
         for (const auto &form : forms) {
             SCOPED_TRACE(std::string(in) + " " + form[1]);
@@ -254,6 +256,15 @@ TEST(MemoryBudget, AnOutputWrittenDuringTheReadingIsThatOfAPipe) {
             EXPECT_EQ(r.status, 0);
             EXPECT_EQ(piped.status, 0);
             EXPECT_EQ(r.err, piped.err);
+            EXPECT_TRUE(read_file(d.file("out.dat")) == piped.out);
+            if (form[1] != "a") continue;
+            // Through the library, which moves the model for that form
+            // without being told.
+            TranslateOptions t;
+            t.output = OutputForm::cli_aligned;
+            t.cli_header = CliHeaderStyle::classic;
+            std::remove(d.file("out.dat").c_str());
+            EXPECT_TRUE(translate(d.file(in), d.file("out.dat"), t).ok);
             EXPECT_TRUE(read_file(d.file("out.dat")) == piped.out);
         }
     }

@@ -354,8 +354,7 @@ bool Translation::survey(LayerSource &source, ByteInput &in, const ByteOutput &o
 bool Translation::may_speculate(const ByteOutput &out, const ByteInput &in, bool again) const {
     const OutputForm f = options_.output;
     return again && in.size_known() && out.rewritable() && out.offset() == 0 &&
-           (f == OutputForm::cli_binary || f == OutputForm::cli_aligned ||
-            f == OutputForm::cli_ascii) &&
+           (f == OutputForm::cli_binary || f == OutputForm::cli_ascii) &&
            options_.cli_header == CliHeaderStyle::classic && !options_.move_positive;
 }
 
@@ -645,7 +644,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         // What was written during the reading stands when the reading went
         // through plainly and the true count's header takes the room of the
         // guessed one.
-        if (placed && spec && !spec->failed && !source->error() && !input_failure_) {
+        if (placed && spec && !spec->failed && !s.moving && !source->error() && !input_failure_) {
             try {
                 if (!spec->begun) begin_speculation(*spec, s, *source, s.counts.layers);
                 if (!spec->failed && header_patch(*spec, s)) {

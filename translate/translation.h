@@ -31,8 +31,8 @@
 // give the same layers again (a changed input fails the run). Standard
 // input and pipes keep every layer in memory.
 //
-// An output whose first bytes depend only on the layer count (CLI in its
-// long forms, with the classic header, nothing to move) into an own file is
+// An output whose first bytes depend only on the layer count (CLI, binary
+// long form or ASCII, with the classic header, not moved) into an own file is
 // written during the first reading, from a guess of the count made once
 // 8 MiB of the input were read; its messages wait until the reading is
 // over. When the count is known, the header is written again in place.
