@@ -614,7 +614,7 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     s.reread_binary = again && in->size_known() && in->size() >= reread_binary_size;
     std::unique_ptr<Speculation> spec;
     if (may_speculate(out, *in, again)) spec = std::make_unique<Speculation>(out);
-    readings_ = keep && !spec ? 1 : 2;
+    readings_ = keep || spec ? 1 : 2;
     bool loaded = survey(*source, *in, out, keep && !spec ? &store : nullptr,
                          again ? budget : UINT64_MAX, s, spec.get());
     if (loaded) source->report_read_end(reporter_);
@@ -650,7 +650,6 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
                 if (!spec->failed && header_patch(*spec, s)) {
                     writer = spec->sink.get();
                     streamed = begun = true;
-                    readings_ = 1;
                     for (const Diagnostic &d : spec->messages)
                         reporter_.report(d);
                     writer->report_run_end(reporter_);
@@ -661,9 +660,10 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     }
     // Otherwise what was written goes, and the run goes on without it.
     bool writable = true;
-    if (spec && spec->begun && !streamed) {
+    if (spec && !streamed) {
+        readings_ = 2;
         spec->sink.reset();
-        if (!out.restart()) {
+        if (spec->begun && !out.restart()) {
             output_failure_ = write_error(errno);
             writable = false;
         }
