@@ -208,8 +208,9 @@ TEST(MemoryBudget, AFileReadAheadGivesWhatAPipeGives) {
 // digits (what was written is dropped and the input read again). Either
 // way: the status, messages and bytes of the same file through a pipe.
 TEST(MemoryBudget, AnOutputWrittenDuringTheReadingIsThatOfAPipe) {
-    const auto binary = [](const std::vector<std::pair<int, int>> &runs) {
-        std::string file = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n$$HEADEREND";
+    const auto binary = [](const std::vector<std::pair<int, int>> &runs,
+                           const std::string &declared = "") {
+        std::string file = "$$HEADERSTART\n$$BINARY\n$$UNITS/0.01\n" + declared + "$$HEADEREND";
         const auto put = [&file](const void *p, std::size_t n) {
             file.append(static_cast<const char *>(p), n);
         };
@@ -236,11 +237,14 @@ TEST(MemoryBudget, AnOutputWrittenDuringTheReadingIsThatOfAPipe) {
     write_file(d.file("off.cli"), binary({{1000, 1050}, {4000, 130}}));
     // 18 layers in the first 8 MiB, 1200 after: a guess of two digits.
     write_file(d.file("digits.cli"), binary({{18, 60000}, {1200, 500}}));
+    // The count the file declares is taken at once, right or wrong.
+    write_file(d.file("declared.cli"), binary({{18, 60000}, {1200, 500}}, "$$LAYERS/1218\n"));
+    write_file(d.file("misdeclared.cli"), binary({{1000, 1050}, {4000, 130}}, "$$LAYERS/99\n"));
     // The aligned form moves the model (its coordinates below 0): written
     // once the bounds are known.
     const std::vector<std::vector<std::string>> forms = {
         {"-O", "b"}, {"-O", "A", "-R", "1"}, {"-O", "b", "-U", "0.1"}, {"-O", "a"}};
-    for (const char *in : {"off.cli", "digits.cli"}) {
+    for (const char *in : {"off.cli", "digits.cli", "declared.cli", "misdeclared.cli"}) {
         for (const auto &form : forms) {
             SCOPED_TRACE(std::string(in) + " " + form[1]);
             std::string options;

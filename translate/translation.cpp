@@ -68,9 +68,10 @@ std::uint64_t estimated_model(std::uint64_t size) {
 // must find, clear and map page by page.
 constexpr std::uint64_t reread_binary_size = std::uint64_t(32) << 20;
 
-// An output written during the first reading starts once this much of the
-// input was read, with the layer count guessed from it (or at the end of a
-// smaller input, with the count known).
+// An output written during the first reading starts with the layer count
+// its input declares, or else once this much of the input was read, with
+// the count guessed from it (or at the end of a smaller input, with the
+// count known).
 constexpr std::uint64_t speculation_start = std::uint64_t(8) << 20;
 
 StreamError write_error(int system_error) {
@@ -367,13 +368,18 @@ void Translation::speculate(Speculation &spec, Layer &layer, const Survey &s, co
         if (!spec.begun) {
             spec.held.push_back(std::move(layer));
             layer = Layer{};
-            if (in.offset() < speculation_start) return;
-            // As many layers as the whole input holds at the density so far.
-            const double whole = static_cast<double>(spec.held.size()) *
-                                 static_cast<double>(in.size()) / static_cast<double>(in.offset());
-            begin_speculation(
-                spec, s, source,
-                std::max<std::uint64_t>(spec.held.size(), static_cast<std::uint64_t>(whole + 0.5)));
+            // The count the input declares, else as many layers as the whole
+            // input holds at the density so far.
+            std::uint64_t guess = source.header().declared_layers;
+            if (guess == 0) {
+                if (in.offset() < speculation_start) return;
+                const double whole = static_cast<double>(spec.held.size()) *
+                                     static_cast<double>(in.size()) /
+                                     static_cast<double>(in.offset());
+                guess = std::max<std::uint64_t>(spec.held.size(),
+                                                static_cast<std::uint64_t>(whole + 0.5));
+            }
+            begin_speculation(spec, s, source, guess);
             return;
         }
         if (options_.reverse) reverse(layer, options_.reverse_directions);

@@ -33,9 +33,9 @@
 //
 // An output whose first bytes depend only on the layer count (CLI, binary
 // long form or ASCII, with the classic header, not moved) into an own file is
-// written during the first reading, from a guess of the count made once
-// 8 MiB of the input were read; its messages wait until the reading is
-// over. When the count is known, the header is written again in place.
+// written during the first reading, with the count the input declares or
+// one guessed once 8 MiB of the input were read; its messages wait until
+// the reading is over. When the count is known, the header is written again in place.
 // Should the count's text come out longer or shorter than the guess's, or
 // anything but a plain reading happen (an error, a coordinate out of range),
 // what was written is dropped and the run goes on as above: a second
