@@ -248,7 +248,7 @@ TEST(ModelOps, ScaleOnVectorsKeepsThePlainRule) {
         std::vector<PointExtremes> extremes(taken.contours.size());
         for (std::size_t k = 0; k < extremes.size(); k++) {
             const std::vector<Point> &points = taken.contours[k].points;
-            extremes[k] = {true, HUGE_VALF, -HUGE_VALF, HUGE_VALF, -HUGE_VALF};
+            extremes[k].known = true;
             // In two runs, as a reader meets them across its blocks.
             const auto *bytes = reinterpret_cast<const unsigned char *>(points.data());
             const std::size_t half = points.size() / 2;

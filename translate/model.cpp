@@ -132,16 +132,6 @@ bool keeps_floats(double factor) {
     return std::fabs(factor - 1.0) < 0x1.ep-26;
 }
 
-// The points of a contour that holds no gap mark: multiplied, stored and
-// taken into the bounds as the loop over the points in `scale` does, two
-// points at a time on SSE2. False when a value did not come out finite.
-// Without Multiply the points are only checked, and their bounds are
-// scaled instead: multiplying and rounding keep the order of values, so the
-// scaled extremes are the extremes of the scaled points. False then means
-// that this way cannot tell (a value not finite or out of range after
-// scaling, a gap mark before or maybe after it, or a zero bound that
-// scaling made, whose sign depends on which point came first): the bounds
-// are left as they were for the caller's other ways.
 // Takes the unscaled extremes `bound` (xmin, xmax, ymin, ymax) of the n
 // points at p, which are all finite and hold no gap mark, into the bounds,
 // scaled. False (the bounds left as they were) when that cannot be told
@@ -167,6 +157,16 @@ bool take_extremes(const Point *p, std::size_t n, double factor, float bound[4],
     return true;
 }
 
+// The points of a contour that holds no gap mark: multiplied, stored and
+// taken into the bounds as the loop over the points in `scale` does, two
+// points at a time on SSE2. False when a value did not come out finite.
+// Without Multiply the points are only checked, and their bounds are
+// scaled instead: multiplying and rounding keep the order of values, so the
+// scaled extremes are the extremes of the scaled points. False then means
+// that this way cannot tell (a value not finite or out of range after
+// scaling, a gap mark before or maybe after it, or a zero bound that
+// scaling made, whose sign depends on which point came first): the bounds
+// are left as they were for the caller's other ways.
 template <bool Multiply>
 bool scale_plain(Point *p, std::size_t n, double factor, Bounds &b) {
     float lo[4] = {HUGE_VALF, HUGE_VALF, HUGE_VALF, HUGE_VALF};

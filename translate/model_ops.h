@@ -8,6 +8,7 @@
 // treat one layer at a time; the model versions go through every layer.
 #pragma once
 
+#include <cmath>
 #include <cstddef>
 #include <vector>
 
@@ -28,9 +29,10 @@ void add_counts(Counts &counts, const Layer &layer);
 
 // The extremes of a contour's x and y values, taken by its source while it
 // read them (`known`): every value was finite and no point was a gap mark.
+// Without values taken, the extremes are those of no point at all.
 struct PointExtremes {
     bool known = false;
-    float xmin = 0, xmax = 0, ymin = 0, ymax = 0;
+    float xmin = HUGE_VALF, xmax = -HUGE_VALF, ymin = HUGE_VALF, ymax = -HUGE_VALF;
 };
 
 // Multiplies the height and every coordinate by `factor`, widening `bounds`

@@ -949,8 +949,6 @@ bool CliReader::read_points(CliElement &e, std::uint32_t count) {
     // Taken by the binary long-form runs of a little-endian host only.
     e.extremes = {};
     e.extremes.known = binary_ && little_endian;
-    e.extremes.xmin = e.extremes.ymin = HUGE_VALF;
-    e.extremes.xmax = e.extremes.ymax = -HUGE_VALF;
     if (eof_crossed_) return fail(CliError::eof);
     std::size_t i = 0;
     while (i < count) {

@@ -383,8 +383,6 @@ bool SlcReader::read_vertices(std::vector<Point> &points, std::uint32_t n,
         points.reserve(n);
         PointExtremes taken;
         taken.known = true;
-        taken.xmin = taken.ymin = HUGE_VALF;
-        taken.xmax = taken.ymax = -HUGE_VALF;
         while (have < n) {
             const std::size_t run = std::min<std::size_t>(n - have, vertex_run);
             const std::uint8_t *p = in_.contiguous(run * sizeof(Point));
