@@ -382,8 +382,7 @@ void Translation::speculate(Speculation &spec, Layer &layer, const Survey &s, co
             begin_speculation(spec, s, source, guess);
             return;
         }
-        if (options_.reverse) reverse(layer, options_.reverse_directions);
-        if (!spec.sink->write_layer(layer)) spec.failed = true;
+        write_speculated(spec, layer);
     } catch (const std::bad_alloc &) {
         spec.failed = true;
         spec.held.clear();
@@ -401,13 +400,17 @@ void Translation::begin_speculation(Speculation &spec, const Survey &s, const La
     p.source = &source.header();
     spec.sink = formats_.sink(options_.output, spec.out, spec.reporter);
     spec.failed = !spec.sink || !spec.sink->begin(p);
-    for (Layer &layer : spec.held) {
-        if (spec.failed) break;
-        if (options_.reverse) reverse(layer, options_.reverse_directions);
-        spec.failed = !spec.sink->write_layer(layer);
-    }
+    for (Layer &layer : spec.held)
+        write_speculated(spec, layer);
     spec.held.clear();
     spec.held.shrink_to_fit();
+}
+
+// One layer to the speculative output, reversed as the options say.
+void Translation::write_speculated(Speculation &spec, Layer &layer) {
+    if (spec.failed) return;
+    if (options_.reverse) reverse(layer, options_.reverse_directions);
+    spec.failed = !spec.sink->write_layer(layer);
 }
 
 // The bytes to write over the speculative header: those where the header
@@ -667,7 +670,6 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
     // Otherwise what was written goes, and the run goes on without it.
     bool writable = true;
     if (spec && !streamed) {
-        readings_ = 2;
         spec->sink.reset();
         if (spec->begun && !out.restart()) {
             output_failure_ = write_error(errno);
@@ -675,7 +677,10 @@ bool Translation::run(InputBytes &input, ByteOutput &out, const std::string &out
         }
     }
     if (loaded && placed && writable && !streamed) {
-        if (!kept) read_before_ = in->offset();
+        if (!kept) {
+            read_before_ = in->offset();
+            readings_ = 2;
+        }
         layers = replay(input, kept, s.factor);
         if (layers) {
             begun = true;

@@ -32,14 +32,14 @@
 // input and pipes keep every layer in memory.
 //
 // An output whose first bytes depend only on the layer count (CLI, binary
-// long form or ASCII, with the classic header, not moved) into an own file is
-// written during the first reading, with the count the input declares or
-// one guessed once 8 MiB of the input were read; its messages wait until
-// the reading is over. When the count is known, the header is written again in place.
-// Should the count's text come out longer or shorter than the guess's, or
-// anything but a plain reading happen (an error, a coordinate out of range),
-// what was written is dropped and the run goes on as above: a second
-// reading writes the layers.
+// long form or ASCII, with the classic header, not moved) into an own file
+// is written during the first reading, with the count the input declares
+// or one guessed once 8 MiB of the input were read; its messages wait until
+// the reading is over. When the count is known, the header is written again
+// in place. Should the count's text come out longer or shorter than the
+// guess's, or anything but a plain reading happen (an error, a coordinate
+// out of range), what was written is dropped and the run goes on as above:
+// a second reading writes the layers.
 #pragma once
 
 #include <cstddef>
@@ -153,6 +153,7 @@ class Translation {
                    const LayerSource &source);
     void begin_speculation(Speculation &spec, const Survey &s, const LayerSource &source,
                            std::uint64_t layers);
+    void write_speculated(Speculation &spec, Layer &layer);
     bool header_patch(Speculation &spec, const Survey &s);
     std::unique_ptr<Replay> replay(InputBytes &input, LayerStore *store, double factor);
     double output_unit(double input_unit) const;
